@@ -1,0 +1,32 @@
+# Compiler flags shared by every target of the project.
+
+add_compile_options(-Wall -Wextra)
+if(COLLOQUY_WERROR)
+  add_compile_options(-Werror)
+endif()
+
+if(COLLOQUY_M32 AND NOT CMAKE_SIZEOF_VOID_P EQUAL 4)
+  message(FATAL_ERROR "COLLOQUY_M32 is set but the compiler builds ${CMAKE_SIZEOF_VOID_P}-byte pointers: use a fresh build directory")
+endif()
+
+if(COLLOQUY_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    message(FATAL_ERROR "COLLOQUY_FUZZ needs clang (libFuzzer)")
+  endif()
+  # Everything is instrumented for coverage; only the fuzz targets link the fuzzer's main.
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer
+                      -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+elseif(COLLOQUY_SANITIZE)
+  add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+
+# The flags a consumer project needs to link against this build (used by the package test).
+set(COLLOQUY_CONSUMER_FLAGS "")
+if(COLLOQUY_M32)
+  string(APPEND COLLOQUY_CONSUMER_FLAGS " -m32")
+endif()
+if(COLLOQUY_SANITIZE OR COLLOQUY_FUZZ)
+  string(APPEND COLLOQUY_CONSUMER_FLAGS " -fsanitize=address,undefined")
+endif()

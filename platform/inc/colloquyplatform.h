@@ -1,0 +1,18 @@
+// Every service of the ColloquyPlatform library.
+#ifndef COLLOQUY_COLLOQUYPLATFORM_H
+#define COLLOQUY_COLLOQUYPLATFORM_H
+
+#include "cplatformdefs.h"
+#include "kzexception.h"
+#include "nlog.h"
+#include "ntime.h"
+#include "rwcollect.h"
+#include "rwcollection.h"
+#include "rwcstring.h"
+#include "rwhashdict.h"
+#include "rwhashtable.h"
+#include "rwordered.h"
+#include "staticlife.h"
+#include "stringcoe.h"
+
+#endif

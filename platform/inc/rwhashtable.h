@@ -1,0 +1,102 @@
+// RWHashTable: a hash table of collectable pointers, and its iterator.
+#ifndef COLLOQUY_RWHASHTABLE_H
+#define COLLOQUY_RWHASHTABLE_H
+
+#include "cplatformdefs.h"
+#include "rwcollection.h"
+
+#include <cstdint>
+#include <memory>
+
+// Open addressing with linear probing. Each slot keeps the item's hash, so a lookup calls
+// isEqual() only on real candidates and never allocates. The table grows (doubling) as it
+// fills; removal leaves a marker, so removing through an iterator never moves other items.
+// Items are found through their own hash() and isEqual(); duplicates are allowed.
+class COLLOQUY_EXPORT RWHashTable : public RWCollection {
+public:
+    explicit RWHashTable(size_t buckets = DEFAULT_CAPACITY);
+    RWHashTable(RWHashTable const& other);             // shallow: refers to the same objects
+    RWHashTable& operator=(RWHashTable const& other);  // shallow
+    ~RWHashTable() override;                           // forgets the items, destroys none
+
+    RWClassID isA() const override;
+    void clear() override;
+    void clearAndDestroy() override;
+    size_t entries() const override { return mCount; }
+    bool isEmpty() const override { return mCount == 0; }
+    RWCollectable* find(RWCollectable const* target) const override;
+    // Adds `item` (even when an equal one is stored) and returns it; null is refused.
+    RWCollectable* insert(RWCollectable* item) override;
+    RWCollectable* remove(RWCollectable const* target) override;
+    void removeAndDestroy(RWCollectable const* target) override;
+
+    // Lookup without a key object: `hash` is what the stored item's hash() gives, and
+    // `matches(RWCollectable const*)` decides among the items with that hash.
+    template <class Matches>
+    RWCollectable* findIf(unsigned hash, Matches&& matches) const {
+        long i = findSlot(hash, matches);
+        return i < 0 ? nullptr : mSlots[i].key;
+    }
+
+protected:
+    friend class RWHashTableIterator;
+    friend class RWHashDictionaryIterator;
+    enum : unsigned char { kEmpty = 0, kFull = 1, kRemoved = 2 };
+    struct cSlot {
+        RWCollectable* key;
+        RWCollectable* value;  // used by RWHashDictionary
+        unsigned hash;
+        unsigned char state;
+    };
+
+    // Index of the first full slot with this hash that `matches`, or -1.
+    template <class Matches>
+    long findSlot(unsigned hash, Matches& matches) const {
+        if (mCount == 0) return -1;
+        size_t const mask = mCapacity - 1;
+        for (size_t i = home(hash);; i = (i + 1) & mask) {
+            cSlot const& s = mSlots[i];
+            if (s.state == kEmpty) return -1;
+            if (s.state == kFull && s.hash == hash && matches(static_cast<RWCollectable const*>(s.key)))
+                return static_cast<long>(i);
+        }
+    }
+    long findSlotOf(RWCollectable const* target) const;
+    // Stores a new entry (the caller has checked for duplicates where it must) and returns its slot.
+    cSlot& addSlot(RWCollectable* key, RWCollectable* value, unsigned hash);
+    void removeSlot(size_t i);
+    size_t home(unsigned hash) const {
+        return static_cast<size_t>((static_cast<uint32_t>(hash) * 0x9E3779B1u) >> mShift);
+    }
+
+    std::unique_ptr<cSlot[]> mSlots;
+    size_t mCapacity = 0;  // 0 until the first insertion, then a power of two
+    size_t mCount = 0;
+    size_t mRemoved = 0;
+    size_t mInitialCapacity;
+    unsigned mShift = 32;
+
+private:
+    void rehash(size_t newCapacity);
+};
+
+// Walks a hash table. operator() advances and returns the next item, or null at the end.
+// Items may be removed through remove() during the walk; inserting into the table while
+// walking is not supported.
+class COLLOQUY_EXPORT RWHashTableIterator {
+public:
+    explicit RWHashTableIterator(RWHashTable& table) : mTable(&table) {}
+    virtual ~RWHashTableIterator();
+    virtual RWCollectable* operator()();
+    virtual RWCollectable* key() const;  // the current item, or null
+    virtual RWCollectable* remove();     // removes the current item and returns it (not destroyed)
+    virtual void reset() { mPos = kBefore; }
+
+protected:
+    static constexpr size_t kBefore = ~static_cast<size_t>(0);
+    bool atItem() const;
+    RWHashTable* mTable;
+    size_t mPos = kBefore;
+};
+
+#endif

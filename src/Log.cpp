@@ -1,0 +1,7 @@
+#include "Log.h"
+
+namespace nColloquy {
+
+nLog::cTag const sTraceTag_("ColloquyT");
+
+}  // namespace nColloquy

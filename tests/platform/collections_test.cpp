@@ -1,0 +1,229 @@
+// The collection classes: ownership (clear forgets, clearAndDestroy deletes), replacement,
+// removal while walking, growth, and the ordered sequence's bounds.
+#include "rwhashdict.h"
+#include "rwhashtable.h"
+#include "rwordered.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+
+namespace {
+
+int gDestroyed = 0;
+
+// A collectable string that counts its destructions.
+struct Tracked : RWCollectableString {
+    using RWCollectableString::RWCollectableString;
+    ~Tracked() override { ++gDestroyed; }
+};
+
+class CollectionsTest : public ::testing::Test {
+protected:
+    void SetUp() override { gDestroyed = 0; }
+};
+
+TEST_F(CollectionsTest, StringIsLengthCountedAndNulSafe) {
+    RWCString s("a\0b", 3);
+    EXPECT_EQ(s.length(), 3u);
+    EXPECT_EQ(s.data()[3], '\0');
+    s.append("\0c", 2);
+    EXPECT_EQ(s.length(), 5u);
+    EXPECT_EQ(std::string(s.data(), s.length()), std::string("a\0b\0c", 5));
+    EXPECT_NE(s, RWCString("a"));
+    EXPECT_EQ(RWCString("xyz").hash(), RWCString::hash("xyz", 3));
+    EXPECT_NE(RWCString("a\0b", 3).hash(), RWCString("a\0c", 3).hash());
+    EXPECT_LT(RWCString("ab").compareTo(RWCString("b")), 0);
+    EXPECT_EQ(RWCString(static_cast<char const*>(nullptr)).length(), 0u);
+}
+
+TEST_F(CollectionsTest, DictionaryRefusesExistingKeyAndReplacesThroughFindValue) {
+    RWHashDictionary d;
+    auto* k1 = new Tracked("k");
+    auto* v1 = new Tracked("1");
+    EXPECT_EQ(d.insertKeyAndValue(k1, v1), k1);
+
+    Tracked k2("k"), v2("2");
+    EXPECT_EQ(d.insertKeyAndValue(&k2, &v2), nullptr);  // refused: key present
+    EXPECT_EQ(d.entries(), 1u);
+
+    RWCollectableString probe("k");
+    EXPECT_EQ(d.findValue(&probe), v1);
+    EXPECT_EQ(d.find(&probe), k1);  // the first key object stays
+
+    auto* v3 = new Tracked("3");
+    EXPECT_EQ(d.findValue(&probe, v3), v1);  // old value handed back, not destroyed
+    EXPECT_EQ(gDestroyed, 0);
+    EXPECT_EQ(d.findValue(&probe), v3);
+    delete v1;
+
+    RWCollectableString absent("nope");
+    auto* v4 = new Tracked("4");
+    EXPECT_EQ(d.findValue(&absent, v4), nullptr);  // nothing stored for an absent key
+    EXPECT_EQ(d.entries(), 1u);
+    delete v4;
+
+    d.clearAndDestroy();
+    EXPECT_EQ(gDestroyed, 4);  // v1 and v4 by hand, k1 and v3 here; k2 and v2 live on the stack
+    EXPECT_TRUE(d.isEmpty());
+}
+
+TEST_F(CollectionsTest, ClearForgetsWhileClearAndDestroyDeletes) {
+    Tracked* keys[3];
+    Tracked* values[3];
+    {
+        RWHashDictionary d;
+        for (int i = 0; i < 3; ++i) {
+            keys[i] = new Tracked(std::to_string(i).c_str());
+            values[i] = new Tracked("v");
+            d.insertKeyAndValue(keys[i], values[i]);
+        }
+        d.clear();
+        EXPECT_EQ(d.entries(), 0u);
+        EXPECT_EQ(gDestroyed, 0);
+        RWCollectableString probe("1");
+        EXPECT_EQ(d.findValue(&probe), nullptr);
+        for (int i = 0; i < 3; ++i) d.insertKeyAndValue(keys[i], values[i]);
+    }  // the destructor forgets too
+    EXPECT_EQ(gDestroyed, 0);
+    RWHashDictionary d;
+    for (int i = 0; i < 3; ++i) d.insertKeyAndValue(keys[i], values[i]);
+    d.clearAndDestroy();
+    EXPECT_EQ(gDestroyed, 6);
+}
+
+TEST_F(CollectionsTest, RemoveAndRemoveAndDestroy) {
+    RWHashDictionary d;
+    auto* k = new Tracked("a");
+    auto* v = new Tracked("b");
+    d.insertKeyAndValue(k, v);
+    RWCollectableString probe("a");
+    RWCollectable* value = nullptr;
+    EXPECT_EQ(d.removeKeyAndValue(&probe, value), k);
+    EXPECT_EQ(value, v);
+    EXPECT_EQ(d.entries(), 0u);
+    d.insertKeyAndValue(k, v);
+    d.removeAndDestroy(&probe);
+    EXPECT_EQ(gDestroyed, 2);
+    EXPECT_EQ(d.remove(&probe), nullptr);
+}
+
+TEST_F(CollectionsTest, DictionaryInsertIsASetInsert) {
+    RWHashDictionary d;
+    RWCollectableString a("a"), a2("a");
+    EXPECT_EQ(d.insert(&a), &a);
+    EXPECT_EQ(d.insert(&a2), &a);  // an equal key is there: it is returned, nothing added
+    EXPECT_EQ(d.entries(), 1u);
+    EXPECT_EQ(d.findValue(&a2), nullptr);
+    d.clear();
+}
+
+TEST_F(CollectionsTest, RemovalDuringIterationVisitsEveryItemOnce) {
+    RWHashDictionary d;
+    for (int i = 0; i < 1000; ++i)
+        d.insertKeyAndValue(new Tracked(std::to_string(i).c_str()), new Tracked("x"));
+    RWHashDictionaryIterator it(d);
+    std::set<std::string> seen;
+    while (RWCollectable* key = it()) {
+        std::string const name(static_cast<RWCollectableString*>(key)->data());
+        EXPECT_TRUE(seen.insert(name).second);
+        if (std::stoi(name) % 2 == 0) {
+            RWCollectable* value = it.value();
+            EXPECT_EQ(it.remove(), key);
+            EXPECT_EQ(it.key(), nullptr);  // the current item is gone
+            delete key;
+            delete value;
+        }
+    }
+    EXPECT_EQ(seen.size(), 1000u);
+    EXPECT_EQ(d.entries(), 500u);
+    EXPECT_EQ(it(), nullptr);  // stays at the end
+    it.reset();
+    size_t walked = 0;
+    while (it()) ++walked;
+    EXPECT_EQ(walked, 500u);
+    d.clearAndDestroy();
+    EXPECT_EQ(gDestroyed, 2000);
+}
+
+TEST_F(CollectionsTest, GrowsToOneHundredThousandEntries) {
+    RWHashDictionary d(4);
+    constexpr int kCount = 100000;
+    for (int i = 0; i < kCount; ++i) {
+        auto* key = new RWCollectableString(("key" + std::to_string(i)).c_str());
+        ASSERT_EQ(d.insertKeyAndValue(key, new RWCollectableInt(i)), key);
+    }
+    EXPECT_EQ(d.entries(), static_cast<size_t>(kCount));
+    for (int i = 0; i < kCount; i += 997) {
+        std::string const name = "key" + std::to_string(i);
+        RWCollectableString probe(name.c_str());
+        auto* value = static_cast<RWCollectableInt*>(d.findValue(&probe));
+        ASSERT_NE(value, nullptr);
+        EXPECT_EQ(value->value(), i);
+        // The same entry found without a key object.
+        unsigned const h = RWCString::hash(name.data(), name.size());
+        EXPECT_EQ(d.findValueIf(h, [&](RWCollectable const* k) {
+            return static_cast<RWCollectableString const*>(k)->view() == name;
+        }), value);
+    }
+    RWCollectableString missing("key100000");
+    EXPECT_EQ(d.findValue(&missing), nullptr);
+    d.clearAndDestroy();
+}
+
+TEST_F(CollectionsTest, HashTableKeepsDuplicatesAndMatchesByIsEqual) {
+    RWHashTable t(2);
+    RWCollectableInt a(5), b(5), c(6);
+    EXPECT_EQ(t.insert(&a), &a);
+    EXPECT_EQ(t.insert(&b), &b);
+    EXPECT_EQ(t.insert(nullptr), nullptr);
+    EXPECT_EQ(t.entries(), 2u);
+    RWCollectableInt probe(5);
+    RWCollectable* first = t.remove(&probe);
+    EXPECT_TRUE(first == &a || first == &b);
+    EXPECT_NE(t.find(&probe), nullptr);
+    EXPECT_EQ(t.find(&c), nullptr);
+
+    // Plain collectables are equal only to themselves.
+    RWCollectable x, y;
+    t.insert(&x);
+    EXPECT_EQ(t.find(&x), &x);
+    EXPECT_EQ(t.find(&y), nullptr);
+
+    RWHashTableIterator it(t);
+    size_t n = 0;
+    while (it()) {
+        it.remove();
+        ++n;
+    }
+    EXPECT_EQ(n, 2u);
+    EXPECT_TRUE(t.isEmpty());
+}
+
+TEST_F(CollectionsTest, OrderedSequence) {
+    RWOrdered o;
+    RWCollectable a, b, c;
+    o.insert(&a);
+    o.insert(&b);
+    o.insert(&c);
+    EXPECT_EQ(o.entries(), 3u);
+    EXPECT_EQ(o.index(&b), 1u);
+    RWCollectable other;
+    EXPECT_EQ(o.index(&other), RW_NPOS);
+    EXPECT_EQ(o.removeAt(2), &c);
+    EXPECT_EQ(o.last(), &b);
+    EXPECT_THROW(o.removeAt(2), RWBoundsErr);
+    EXPECT_THROW(o.at(5), std::out_of_range);
+    EXPECT_EQ(o.remove(&a), &a);
+    EXPECT_EQ(o.first(), &b);
+
+    RWOrdered owned;
+    owned.insert(new Tracked("1"));
+    owned.insert(new Tracked("2"));
+    owned.clearAndDestroy();
+    EXPECT_EQ(gDestroyed, 2);
+    EXPECT_TRUE(owned.isEmpty());
+}
+
+}  // namespace

@@ -1,0 +1,172 @@
+#include "cli.h"
+
+#include "zepnames.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
+namespace colloquy {
+
+Args::Args(std::vector<std::string> const& words, std::vector<std::string> const& valued,
+           std::vector<std::string> const& flags) {
+    auto isIn = [](std::vector<std::string> const& list, std::string const& w) {
+        for (auto const& x : list)
+            if (x == w) return true;
+        return false;
+    };
+    for (size_t i = 0; i < words.size(); ++i) {
+        std::string const& w = words[i];
+        if (w.size() > 2 && w.compare(0, 2, "--") == 0) {
+            if (isIn(valued, w)) {
+                if (i + 1 >= words.size()) throw UsageError(w + " needs a value");
+                mValues[w] = words[++i];
+            } else if (isIn(flags, w)) {
+                mFlags[w] = true;
+            } else {
+                throw UsageError("unknown option " + w);
+            }
+        } else {
+            mPositional.push_back(w);
+        }
+    }
+}
+
+std::optional<std::string> Args::option(std::string const& name) const {
+    auto it = mValues.find(name);
+    if (it == mValues.end()) return std::nullopt;
+    return it->second;
+}
+
+long long Args::number(std::string const& name, long long fallback, long long min, long long max) const {
+    auto value = option(name);
+    return value ? parseNumber(*value, min, max, name) : fallback;
+}
+
+long long parseNumber(std::string const& text, long long min, long long max, std::string const& what) {
+    errno = 0;
+    char* end = nullptr;
+    long long const v = std::strtoll(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0' || errno == ERANGE || v < min || v > max)
+        throw UsageError(what + " must be a whole number from " + std::to_string(min) + " to " +
+                         std::to_string(max) + ", not '" + text + "'");
+    return v;
+}
+
+std::string escapeBytes(std::string_view bytes) {
+    static char const kHex[] = "0123456789abcdef";
+    std::string out;
+    out.reserve(bytes.size());
+    for (unsigned char c : bytes) {
+        if (c >= 0x20 && c < 0x7F && c != '\\') {
+            out.push_back(static_cast<char>(c));
+        } else {
+            out += "\\x";
+            out.push_back(kHex[c >> 4]);
+            out.push_back(kHex[c & 15]);
+        }
+    }
+    return out;
+}
+
+namespace {
+int hexValue(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+}  // namespace
+
+std::string unescapeBytes(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '\\') {
+            out.push_back(text[i]);
+        } else if (i + 1 < text.size() && text[i + 1] == '\\') {
+            out.push_back('\\');
+            ++i;
+        } else if (i + 3 < text.size() && text[i + 1] == 'x' && hexValue(text[i + 2]) >= 0 &&
+                   hexValue(text[i + 3]) >= 0) {
+            out.push_back(static_cast<char>(hexValue(text[i + 2]) * 16 + hexValue(text[i + 3])));
+            i += 3;
+        } else {
+            throw UsageError("bad escape in '" + escapeBytes(text) + "': use \\xNN or \\\\");
+        }
+    }
+    return out;
+}
+
+std::string jsonString(std::string_view bytes) {
+    static char const kHex[] = "0123456789abcdef";
+    std::string out = "\"";
+    for (unsigned char c : bytes) {
+        if (c == '"' || c == '\\') {
+            out.push_back('\\');
+            out.push_back(static_cast<char>(c));
+        } else if (c >= 0x20 && c < 0x7F) {
+            out.push_back(static_cast<char>(c));
+        } else {
+            out += "\\u00";
+            out.push_back(kHex[c >> 4]);
+            out.push_back(kHex[c & 15]);
+        }
+    }
+    out.push_back('"');
+    return out;
+}
+
+std::pair<std::string, std::string> parsePair(std::string const& text) {
+    size_t const eq = text.find('=');
+    if (eq == std::string::npos) throw UsageError("expected key=value, got '" + escapeBytes(text) + "'");
+    std::string key = unescapeBytes(std::string_view(text).substr(0, eq));
+    if (key.find('\0') != std::string::npos) throw UsageError("a key cannot hold a NUL byte");
+    return {std::move(key), unescapeBytes(std::string_view(text).substr(eq + 1))};
+}
+
+std::vector<std::pair<std::string, std::string>> pairsFromArgsOrStdin(std::vector<std::string> const& args) {
+    std::vector<std::pair<std::string, std::string>> pairs;
+    if (!args.empty()) {
+        for (auto const& a : args) pairs.push_back(parsePair(a));
+        return pairs;
+    }
+    std::istringstream lines(readAll(stdin));
+    std::string line;
+    while (std::getline(lines, line)) {
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        if (!line.empty()) pairs.push_back(parsePair(line));
+    }
+    return pairs;
+}
+
+std::string readAll(std::FILE* in) {
+    std::string out;
+    char buffer[65536];
+    while (size_t n = std::fread(buffer, 1, sizeof buffer, in)) out.append(buffer, n);
+    if (std::ferror(in)) throw Failure("cannot read standard input");
+    return out;
+}
+
+std::string readFile(std::string const& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) throw Failure("cannot open " + path + ": " + std::strerror(errno));
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+void writeAll(std::FILE* out, std::string_view bytes) {
+    if (std::fwrite(bytes.data(), 1, bytes.size(), out) != bytes.size() || std::fflush(out) != 0)
+        throw Failure("cannot write output");
+}
+
+std::pair<std::string, std::string> splitAddress(std::string const& text, std::string const& what) {
+    CColloquyAddress const address(text.c_str());
+    if (address.namePart.empty() || address.hostPart.empty() || text.find('@') == std::string::npos)
+        throw UsageError(what + " must be NAME@HOST, not '" + text + "'");
+    return {address.namePart, address.hostPart};
+}
+
+}  // namespace colloquy

@@ -1,0 +1,87 @@
+// colloquy: records, messages and the stream transport from a shell.
+#include "cli.h"
+#include "commands.h"
+
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <signal.h>
+
+namespace {
+
+struct Command {
+    char const* name;
+    int (*run)(colloquy::Words const&);
+    char const* usage;
+    char const* summary;
+};
+
+Command const kCommands[] = {
+    {"demo", colloquy::cmdDemo, "demo",
+     "send one record as a message over loopback and read it back, printing every stage"},
+    {"encode", colloquy::cmdEncode, "encode [--hub FROM] [key=value ...]",
+     "write the text form of the pairs (or, with --hub, a hub key dump); without pairs, read\n"
+     "      key=value lines from standard input; \\xNN and \\\\ escapes for any byte"},
+    {"decode", colloquy::cmdDecode, "decode [--json]",
+     "read a text form on standard input and print key<TAB>value lines (escaped) or JSON"},
+    {"pack", colloquy::cmdPack, "pack --to NAME@HOST --from NAME@HOST [--qtype N] [--user-value N]",
+     "wrap standard input as the body of a message and write the packed message"},
+    {"unpack", colloquy::cmdUnpack, "unpack [--json]",
+     "print the fields of a packed message read on standard input (and its pairs)"},
+    {"send", colloquy::cmdSend,
+     "send HOST PORT --type T --subtype S [--to NAME@HOST --from NAME@HOST [--qtype N]\n"
+     "      [--user-value N]] [key=value ...|--raw FILE] [--count N]",
+     "connect and send typed messages (a record's text form, optionally in an envelope)"},
+    {"listen", colloquy::cmdListen, "listen PORT [--count N] [--json] [--max-size BYTES]",
+     "accept connections and print each message as it arrives (PORT 0 picks a free port)"},
+    {"convert", colloquy::cmdConvert, "convert --from CP --to CP",
+     "convert a text form on standard input between code pages (e.g. 1252 to 65001)"},
+    {"report", colloquy::cmdReport, "report [--output FILE]", "write the host's support report"},
+    {"bench", colloquy::cmdBench, "bench [--size BYTES] [--count N]",
+     "measure loopback throughput and round-trip latency"},
+};
+
+void printHelp(std::FILE* out) {
+    std::fprintf(out, "usage: colloquy COMMAND [options]\n\ncommands:\n");
+    for (Command const& c : kCommands) std::fprintf(out, "  %s\n      %s\n", c.usage, c.summary);
+    std::fprintf(out, "\nexit status: 0 success, 1 failure, 2 usage error; `colloquy COMMAND --help` for one command\n");
+}
+
+bool wantsHelp(colloquy::Words const& words) {
+    for (auto const& w : words)
+        if (w == "--help" || w == "-h") return true;
+    return false;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // A peer that goes away must show up as a failed send, not kill the tool.
+    ::signal(SIGPIPE, SIG_IGN);
+    if (argc < 2 || !std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h") || !std::strcmp(argv[1], "help")) {
+        printHelp(argc < 2 ? stderr : stdout);
+        return argc < 2 ? 2 : 0;
+    }
+    colloquy::Words const words(argv + 2, argv + argc);
+    for (Command const& c : kCommands) {
+        if (std::strcmp(argv[1], c.name) != 0) continue;
+        if (wantsHelp(words)) {
+            std::printf("usage: colloquy %s\n  %s\n", c.usage, c.summary);
+            return 0;
+        }
+        try {
+            return c.run(words);
+        } catch (colloquy::UsageError const& e) {
+            std::fprintf(stderr, "colloquy %s: %s\n", c.name, e.what());
+            return 2;
+        } catch (std::exception const& e) {
+            // Failures of the command itself and the library's own exceptions alike: one line.
+            std::string text = colloquy::escapeBytes(e.what());
+            if (text.size() > 300) text = text.substr(0, 300) + "...";
+            std::fprintf(stderr, "colloquy %s: %s\n", c.name, text.c_str());
+            return 1;
+        }
+    }
+    std::fprintf(stderr, "colloquy: unknown command '%s' (colloquy --help lists them)\n", argv[1]);
+    return 2;
+}

@@ -1,0 +1,37 @@
+// Messages on the tool's streams: packing a body into an envelope from the command line, and
+// describing a received body (envelope, pairs or raw bytes) as text or JSON.
+#ifndef COLLOQUY_TOOLS_MESSAGE_IO_H
+#define COLLOQUY_TOOLS_MESSAGE_IO_H
+
+#include "cli.h"
+#include "record_io.h"
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace colloquy {
+
+// The envelope fields of a packed message.
+struct Envelope {
+    std::string toName, toHost, fromName, fromHost, body;
+    long qType = 0;
+    unsigned userValue = 0, formatStamp = 0;
+};
+
+// The options --to, --from, --qtype and --user-value, as pack and send take them.
+extern std::vector<std::string> const kEnvelopeOptions;
+// True when `args` asks for an envelope (--to or --from given; then both are required).
+bool wantsEnvelope(Args const& args);
+// Packs `body` into a message addressed as `args` says; returns the packed bytes.
+std::string packEnvelope(Args const& args, std::string const& body);
+// The envelope of a well-formed packed message of eight fields, or nothing.
+std::optional<Envelope> readEnvelope(std::string_view packed);
+
+// What a message body holds, in text lines (each starting with `indent`) or as JSON members.
+std::string describeBody(std::string_view body, std::string const& indent);
+std::string describeBodyJson(std::string_view body);
+
+}  // namespace colloquy
+
+#endif

@@ -14,5 +14,6 @@
 #include "rwordered.h"
 #include "staticlife.h"
 #include "stringcoe.h"
+#include "qrprocess.h"
 
 #endif

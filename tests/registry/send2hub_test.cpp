@@ -2,6 +2,8 @@
 // the text's ownership.
 #include "send2hub.h"
 
+#include "associativearray.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -94,6 +96,27 @@ TEST(HubDump, NullValueGivesNullAndPrintsNothing) {
     EXPECT_EQ(text, nullptr);
     EXPECT_EQ(printed, "");
     EXPECT_EQ(gDumpThroughVaList("agent", "broken", kEnd), nullptr);
+}
+
+TEST(HubDump, ReadsBackAsTheSamePairsPlusTheSender) {
+    std::string const binaryish = "quote ' apostrophe '5 digits\t tab";
+    HubTextPtr text(DumpHubArray("agent@host7", "mode", "fast", "empty", "", "", "no key", "odd", binaryish.c_str(), kEnd));
+    ASSERT_NE(text, nullptr);
+    CAssociativeArray record(8);
+    record.FromStringZTS(text.get());
+    EXPECT_EQ(record.entries(), 5u);
+    EXPECT_STREQ(record.GetValueOfParameter("$FROM"), "agent@host7");
+    EXPECT_STREQ(record.GetValueOfParameter("mode"), "fast");
+    EXPECT_STREQ(record.GetValueOfParameter("empty"), "");
+    EXPECT_STREQ(record.GetValueOfParameter(""), "no key");
+    EXPECT_EQ(record.GetValueOfParameter("odd"), binaryish);
+
+    // The sender alone, and an empty sender.
+    HubTextPtr alone(DumpHubArray("", kEnd));
+    CAssociativeArray single(8);
+    single.FromStringZTS(alone.get());
+    EXPECT_EQ(single.entries(), 1u);
+    EXPECT_STREQ(single.GetValueOfParameter("$FROM"), "");
 }
 
 TEST(HubDump, NullSenderGivesNullAndFreeingNullDoesNothing) {

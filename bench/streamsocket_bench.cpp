@@ -177,6 +177,26 @@ private:
     long mCalls;
 };
 
+// Receives one message and releases its body; false when that failed or the size differs.
+template <class Connection>
+bool receiveOne(Connection& connection, int size) {
+    char* body = nullptr;
+    int length = 0;
+    if (!connection.receive(body, length)) return false;
+    Connection::release(body);
+    return length == size;
+}
+
+// Ends a measurement: reports the benchmark thread's cost, hangs up so that the other
+// thread's next transfer fails, and waits for that thread.
+template <class Connection>
+void finish(benchmark::State& state, ThreadCost& cost, Connection& mine, std::thread& other) {
+    cost.report(state, state.iterations());
+    mine.hangUp();
+    other.join();
+    state.SetItemsProcessed(state.iterations());
+}
+
 template <class Connection>
 void OneWay(benchmark::State& state) {
     int const size = static_cast<int>(state.range(0));
@@ -188,19 +208,12 @@ void OneWay(benchmark::State& state) {
         }
     });
     ThreadCost cost;
-    for (auto _ : state) {
-        char* body = nullptr;
-        int length = 0;
-        if (!receiver.receive(body, length) || length != size) {
+    for (auto _ : state)
+        if (!receiveOne(receiver, size)) {
             state.SkipWithError("receive failed");
             break;
         }
-        Connection::release(body);
-    }
-    cost.report(state, state.iterations());
-    receiver.hangUp();  // the feeder's next send fails
-    feeder.join();
-    state.SetItemsProcessed(state.iterations());
+    finish(state, cost, receiver, feeder);
     state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(size));
 }
 
@@ -220,19 +233,12 @@ void PingPong(benchmark::State& state) {
     });
     std::unique_ptr<char[]> message(new char[size]());
     ThreadCost cost;
-    for (auto _ : state) {
-        char* body = nullptr;
-        int length = 0;
-        if (!near.send(message.get(), size) || !near.receive(body, length)) {
+    for (auto _ : state)
+        if (!near.send(message.get(), size) || !receiveOne(near, size)) {
             state.SkipWithError("round trip failed");
             break;
         }
-        Connection::release(body);
-    }
-    cost.report(state, state.iterations());
-    near.hangUp();  // the echo's next receive fails
-    echo.join();
-    state.SetItemsProcessed(state.iterations());
+    finish(state, cost, near, echo);
 }
 
 BENCHMARK_TEMPLATE(OneWay, RawConnection)->Name("OneWay100B/raw")->Arg(100)->UseRealTime();

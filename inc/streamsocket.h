@@ -42,8 +42,8 @@ public:
     bool WaitTypedMessageZ1(short& type, short& subType, char*& data, int& length,
                             nCommunication::nSocket::iLatencyConfiguration* latency);
 
-private:
-    int mReserved;  // set by the default constructor, read by nothing
+protected:
+    int mReserved;  // set to 0 by the default constructor; no operation here reads it
 };
 
 #endif

@@ -8,6 +8,7 @@
 #include "netmsg.h"
 #include "zeppackmsg.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>

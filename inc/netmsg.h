@@ -22,7 +22,7 @@
 // the end, when it has fewer than six fields, or when a text or number field (0 to 4, and 6
 // and 7 of an eight-field buffer) holds no zero byte. A malformed buffer writes one Error record
 // with the text "malformed packed message" and the length, and yields: the four text members
-// pointing at an empty string, body null, bodyLen 0, qType, userValue and formatStamp all bits
+// and the body pointing at an empty string, bodyLen 0, qType, userValue and formatStamp all bits
 // one; the copy (or adopted buffer) is still owned and freed by the message. A null buffer
 // given to unPackMe counts as an empty, malformed one (packedLen 0).
 // A well-formed buffer with a count other than 8 maps fields 0 to 5 and sets userValue and
@@ -73,7 +73,8 @@ public:
 
     // Stores the arguments, sets formatStamp to 352 and packs at once: the caller's strings
     // and body are copied and not referred to afterwards. The four texts must not be null;
-    // `body` may be null only with a length of 0.
+    // `body` may be null only with a length of 0, and a null body ends the packed field list
+    // there (five fields, which a message made from bytes treats as malformed).
     cColloquyMessage(unsigned int userValue, char const* toHost, char const* toName, char const* fromHost,
                      char const* fromName, QType qType, short messageType, short messageSubType, char const* body,
                      unsigned int bodyLen);

@@ -158,7 +158,7 @@ void cColloquyMessage::reMapFields() {
     COLLOQUY_LOG(nLog::nBasic::sErrorTag_, kModule, "malformed packed message", packedLen);
     toHost = toName = fromHost = fromName = kEmpty;
     qType = static_cast<QType>(-1);
-    body = nullptr;
+    body = kEmpty;  // not null: a null field pointer would end the field list when packed again
     bodyLen = 0;
     userValue = kAllBits;
     formatStamp = kAllBits;

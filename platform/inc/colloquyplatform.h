@@ -5,6 +5,7 @@
 #include "cplatformdefs.h"
 #include "kzexception.h"
 #include "nlog.h"
+#include "nsocket.h"
 #include "ntime.h"
 #include "rwcollect.h"
 #include "rwcollection.h"
@@ -14,5 +15,6 @@
 #include "rwordered.h"
 #include "staticlife.h"
 #include "stringcoe.h"
+#include "qrprocess.h"
 
 #endif

@@ -1,0 +1,237 @@
+// The message envelope on valid buffers: the packed image, reading back, re-addressing,
+// taking over typed messages, the printed line and the Error records.
+#include "netmsg.h"
+#include "zeppackmsg.h"
+
+#include "error_records.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+
+namespace {
+
+using namespace std::string_literals;
+
+char const* const kEnd = nullptr;
+
+// The message of the worked example: 7, to svc@hostB, from agent@hostA, QType 3, type (1,2), "hi".
+cColloquyMessage* newExample() {
+    return new cColloquyMessage(7, "hostB", "svc", "hostA", "agent", QType(3), 1, 2, "hi", 2);
+}
+
+std::string const kExampleBytes = "8 6 4 6 6 2 2 2 4 "s + "hostB\0svc\0hostA\0agent\0"s + "3\0"s + "hi"s + "7\0"s +
+                                  "352\0"s;
+
+std::string packedBytes(cColloquyMessage const& m) { return std::string(m.packedBuffer, m.packedLen); }
+std::string bodyBytes(cColloquyMessage const& m) { return std::string(m.body, m.bodyLen); }
+
+bool pointsInto(char const* p, cColloquyMessage const& m) {
+    return p >= m.packedBuffer && p < m.packedBuffer + m.packedLen;
+}
+
+void expectViewsIntoOwnBuffer(cColloquyMessage const& m) {
+    for (char const* p : {m.toHost, m.toName, m.fromHost, m.fromName, m.body}) EXPECT_TRUE(pointsInto(p, m));
+}
+
+// A heap copy of exactly the packed bytes, as a typed message's body.
+char* heapCopy(std::string const& bytes) {
+    char* copy = new char[bytes.size()];
+    std::memcpy(copy, bytes.data(), bytes.size());
+    return copy;
+}
+
+// Records its own destruction, so that a test can see the typed message deleted virtually.
+struct WatchedTypedMessage : cTypedMessageObject {
+    WatchedTypedMessage(char* data, unsigned int length, bool* gone)
+        : cTypedMessageObject(5, 6, data, length), gone(gone) {}
+    ~WatchedTypedMessage() override { *gone = true; }
+    bool* gone;
+};
+
+struct WatchedMessage : cColloquyMessage {
+    explicit WatchedMessage(bool* gone) : gone(gone) {}
+    ~WatchedMessage() override { *gone = true; }
+    bool* gone;
+};
+
+TEST(Message, WorkedExamplePacksFiftyBytesAndPrintsItsLine) {
+    ErrorRecords on;
+    std::unique_ptr<cColloquyMessage> m(newExample());
+    EXPECT_EQ(packedBytes(*m), kExampleBytes);
+    EXPECT_EQ(m->packedLen, 50u);
+    EXPECT_EQ(m->formatStamp, 352u);
+    EXPECT_EQ(m->userValue, 7u);
+    EXPECT_EQ(m->qType, 3);
+    EXPECT_STREQ(m->toHost, "hostB");
+    EXPECT_STREQ(m->fromName, "agent");
+    EXPECT_EQ(bodyBytes(*m), "hi");
+    expectViewsIntoOwnBuffer(*m);
+    EXPECT_STREQ(m->nameOf(), "ColloquyMessage");
+    EXPECT_STREQ(m->printOnString(), "ColloquyMessage: , Message len:2, type (1,2), QType=3 from agent@hostA to svc@hostB\n");
+    EXPECT_EQ(on.total(), 0u);
+}
+
+TEST(Message, ReadBackFromItsOwnBufferKeepsEveryMemberButTheShorts) {
+    std::unique_ptr<cColloquyMessage> sent(new cColloquyMessage(0x80000000u, "h1", "n1", "h2", "n2", QType(-5), 1, 2,
+                                                                "body\0bytes", 10));
+    EXPECT_NE(packedBytes(*sent).find("-2147483648\0"s), std::string::npos);  // a signed "%d" text
+    ErrorRecords on;
+    cColloquyMessage got(sent->packedBuffer, sent->packedLen, 9, 10);
+    EXPECT_NE(got.packedBuffer, sent->packedBuffer);  // a copy
+    sent.reset();
+    EXPECT_EQ(got.userValue, 0x80000000u);
+    EXPECT_EQ(got.formatStamp, 352u);
+    EXPECT_STREQ(got.toHost, "h1");
+    EXPECT_STREQ(got.toName, "n1");
+    EXPECT_STREQ(got.fromHost, "h2");
+    EXPECT_STREQ(got.fromName, "n2");
+    EXPECT_EQ(got.qType, -5);
+    EXPECT_EQ(bodyBytes(got), "body\0bytes"s);
+    EXPECT_EQ(got.messageType, 9);
+    EXPECT_EQ(got.messageSubType, 10);
+    expectViewsIntoOwnBuffer(got);
+    EXPECT_EQ(on.total(), 0u);
+}
+
+TEST(Message, SixFieldsGiveAllBitsOneNumbersAndEightGiveThePackedOnes) {
+    c_Pack const six("h", 2, "n", 2, "f", 2, "g", 2, "12", 3, "xyz", 3, kEnd);
+    cColloquyMessage fromSix(six.theBuffer, six.thePackedMsgLen(), 0, 0);
+    PCKFreeData(six.theBuffer);
+    EXPECT_EQ(fromSix.userValue, 0xFFFFFFFFu);
+    EXPECT_EQ(fromSix.formatStamp, 0xFFFFFFFFu);
+    EXPECT_EQ(fromSix.qType, 12);
+    EXPECT_EQ(bodyBytes(fromSix), "xyz");
+    EXPECT_STREQ(fromSix.fromName, "g");
+
+    c_Pack const eight("h", 2, "n", 2, "f", 2, "g", 2, "12", 3, "xyz", 3, "44", 3, "351", 4, kEnd);
+    cColloquyMessage fromEight(eight.theBuffer, eight.thePackedMsgLen(), 0, 0);
+    PCKFreeData(eight.theBuffer);
+    EXPECT_EQ(fromEight.userValue, 44u);
+    EXPECT_EQ(fromEight.formatStamp, 351u);
+
+    c_Pack const nine("h", 2, "n", 2, "f", 2, "g", 2, "12", 3, "xyz", 3, "44", 3, "351", 4, "more", 4, kEnd);
+    cColloquyMessage fromNine(nine.theBuffer, nine.thePackedMsgLen(), 0, 0);
+    PCKFreeData(nine.theBuffer);
+    EXPECT_EQ(fromNine.userValue, 0xFFFFFFFFu);
+    EXPECT_EQ(fromNine.formatStamp, 0xFFFFFFFFu);
+    EXPECT_EQ(bodyBytes(fromNine), "xyz");
+}
+
+TEST(Message, PackMeOnAPackedMessageChangesNothing) {
+    std::unique_ptr<cColloquyMessage> m(newExample());
+    char* const before = m->packedBuffer;
+    m->userValue = 99;
+    m->packMe();
+    EXPECT_EQ(m->packedBuffer, before);
+    EXPECT_EQ(packedBytes(*m), kExampleBytes);
+}
+
+TEST(Message, RePackMeReaddressesAndKeepsSenderBodyAndNumbers) {
+    cColloquyMessage m(kExampleBytes.data(), static_cast<unsigned int>(kExampleBytes.size()), 1, 2);
+    char* const old = m.packedBuffer;
+    m.rePackMe("otherHost", "otherName");
+    EXPECT_NE(m.packedBuffer, old);  // the old one is released (the sanitizer build checks it)
+    EXPECT_EQ(packedBytes(m), "8 10 10 6 6 2 2 2 4 "s + "otherHost\0otherName\0hostA\0agent\0"s + "3\0"s + "hi7\0"s + "352\0"s);
+    expectViewsIntoOwnBuffer(m);
+
+    // Replying: the new destination is the old sender, whose views point into the buffer being replaced.
+    m.rePackMe(m.fromHost, m.fromName);
+    EXPECT_STREQ(m.toHost, "hostA");
+    EXPECT_STREQ(m.toName, "agent");
+    EXPECT_STREQ(m.fromHost, "hostA");
+    EXPECT_EQ(bodyBytes(m), "hi");
+    EXPECT_EQ(m.userValue, 7u);
+}
+
+TEST(Message, TypedMessageIsTakenOverAndDeleted) {
+    ErrorRecords on;
+    bool gone = false;
+    char* data = heapCopy(kExampleBytes);
+    cColloquyMessage* m = ZEPTmo2Cqm(new WatchedTypedMessage(data, 50, &gone));
+    EXPECT_TRUE(gone);
+    EXPECT_EQ(m->packedBuffer, data);
+    EXPECT_EQ(m->packedLen, 50u);
+    EXPECT_EQ(m->messageType, 5);
+    EXPECT_EQ(m->messageSubType, 6);
+    EXPECT_STREQ(m->toName, "svc");
+    EXPECT_EQ(bodyBytes(*m), "hi");
+    EXPECT_EQ(on.total(), 0u);
+    ZEPDeleteMsg(m);
+}
+
+TEST(Message, NullBodyEndsThePackedFieldList) {
+    ErrorRecords off(false);
+    cColloquyMessage m(1, "a", "b", "c", "d", QType(4), 0, 0, nullptr, 0);
+    EXPECT_EQ(packedBytes(m), "5 2 2 2 2 2 a\0b\0c\0d\0"s + "4\0"s);
+    EXPECT_EQ(m.body, nullptr);
+    EXPECT_EQ(m.userValue, 0xFFFFFFFFu);
+}
+
+TEST(Message, ZEPDeleteMsgDeletesVirtuallyAndIgnoresNull) {
+    ZEPDeleteMsg(nullptr);
+    bool gone = false;
+    ZEPDeleteMsg(new WatchedMessage(&gone));
+    EXPECT_TRUE(gone);
+}
+
+TEST(Message, TypedMessageReleasesItsData) {
+    cTypedMessageObject owner(1, 2, new char[10], 10);  // the sanitizer build reports a leak otherwise
+    EXPECT_EQ(owner.length, 10u);
+    cTypedMessageObject empty(1, 2, nullptr, 0);
+    EXPECT_EQ(empty.data, nullptr);
+}
+
+TEST(Message, ErrorRecordsForEmptyBodiesAndNullBuffers) {
+    struct Case {
+        char const* what;
+        void (*run)();
+        std::size_t records;
+    } const cases[] = {
+        {"full constructor, null body of length 0",
+         [] { cColloquyMessage m(1, "a", "b", "c", "d", QType(0), 0, 0, nullptr, 0); }, 3},
+        {"full constructor, body of length 0", [] { cColloquyMessage m(1, "a", "b", "c", "d", QType(0), 0, 0, "x", 0); },
+         2},
+        {"typed message with an empty body",
+         [] {
+             c_Pack const p("a", 2, "b", 2, "c", 2, "d", 2, "0", 2, "", 0, "1", 2, "352", 4, kEnd);
+             ZEPDeleteMsg(ZEPTmo2Cqm(new cTypedMessageObject(0, 0, p.theBuffer, p.thePackedMsgLen())));
+         },
+         1},
+        {"unPackMe of a null buffer (also malformed)", [] { cColloquyMessage m(nullptr, 50, 0, 0); }, 2},
+        {"valid message", [] { delete newExample(); }, 0},
+    };
+    for (Case const& c : cases) {
+        {
+            ErrorRecords on;
+            c.run();
+            EXPECT_EQ(on.count("netmsg"), c.records) << c.what;
+            EXPECT_EQ(on.total(), c.records) << c.what;
+        }
+        ErrorRecords off(false);
+        c.run();
+        EXPECT_EQ(off.total(), 0u) << c.what;
+    }
+}
+
+TEST(Message, PrintOnStringSharesOneBufferAndNeverOverflowsIt) {
+    std::unique_ptr<cColloquyMessage> a(newExample());
+    std::string const longName(5000, 'n');
+    cColloquyMessage b(1, "h", longName.c_str(), "f", "g", QType(-1), -3, 4, "body", 4);
+    char* first = a->printOnString();
+    char* second = b.printOnString();
+    EXPECT_EQ(first, second);
+    std::string const expected = "ColloquyMessage: , Message len:4, type (-3,4), QType=-1 from g@f to " + longName + "@h\n";
+    EXPECT_EQ(std::string(second), expected.substr(0, 4095));  // cut to the 4096-byte buffer
+    EXPECT_EQ(std::string(a->printOnString()),
+              "ColloquyMessage: , Message len:2, type (1,2), QType=3 from agent@hostA to svc@hostB\n");
+
+    cColloquyMessage empty;  // holds no buffer and no texts
+    EXPECT_EQ(empty.packedBuffer, nullptr);
+    EXPECT_STREQ(empty.printOnString(),
+                 "ColloquyMessage: , Message len:0, type (0,0), QType=0 from (null)@(null) to (null)@(null)\n");
+}
+
+}  // namespace

@@ -27,16 +27,19 @@ std::string packEnvelope(Args const& args, std::string const& body) {
 }
 
 std::optional<Envelope> readEnvelope(std::string_view packed) {
-    if (packed.empty() || packed.size() > 0x7fffffff || !PCKIsWellFormed(packed.data(), packed.size()))
-        return std::nullopt;
+    if (packed.empty() || packed.size() > 0x7fffffff) return std::nullopt;
     cColloquyMessage const message(packed.data(), static_cast<unsigned>(packed.size()), 0, 0);
-    if (message.userValue == ~0u && message.formatStamp == ~0u) return std::nullopt;  // not eight fields
+    // A message of eight well-formed fields packs again into exactly the bytes it came from; a
+    // malformed buffer (mapped to empty fields) or one of another field count does not.
+    cColloquyMessage const again(message.userValue, message.toHost, message.toName, message.fromHost,
+                                 message.fromName, message.qType, 0, 0, message.body, message.bodyLen);
+    if (std::string_view(again.packedBuffer, again.packedLen) != packed) return std::nullopt;
     Envelope e;
     e.toName = message.toName;
     e.toHost = message.toHost;
     e.fromName = message.fromName;
     e.fromHost = message.fromHost;
-    e.body.assign(message.body ? message.body : "", message.bodyLen);
+    e.body.assign(message.body, message.bodyLen);
     e.qType = message.qType;
     e.userValue = message.userValue;
     e.formatStamp = message.formatStamp;

@@ -5,12 +5,14 @@
 #include "netmsg.h"
 #include "nsocket.h"
 #include "streamsocket.h"
+#include "zeppackmsg.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <memory>
 #include <thread>
 
 namespace colloquy {

@@ -2,7 +2,10 @@
 #include "cli.h"
 #include "commands.h"
 
+#include "nlog.h"
+
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <signal.h>
@@ -58,6 +61,10 @@ bool wantsHelp(colloquy::Words const& words) {
 int main(int argc, char** argv) {
     // A peer that goes away must show up as a failed send, not kill the tool.
     ::signal(SIGPIPE, SIG_IGN);
+    // The library's log records would mix with the tool's own output: they are shown only when
+    // COLLOQUY_LOG asks for them.
+    if (!std::getenv("COLLOQUY_LOG"))
+        for (char const* tag : {"Error", "Warning", "Trace", "Execution", "ColloquyT"}) nLog::gEnable(tag, false);
     if (argc < 2 || !std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h") || !std::strcmp(argv[1], "help")) {
         printHelp(argc < 2 ? stderr : stdout);
         return argc < 2 ? 2 : 0;

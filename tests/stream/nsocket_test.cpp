@@ -132,6 +132,13 @@ TEST(SocketLayer, ReceivesExactCountsAcrossFragmentsAndReadAhead) {
     bulk.join();
     EXPECT_EQ(got, large);
 
+    // The same as the first receive of a connection, before any read-ahead.
+    LayerPair fresh;
+    std::thread direct([&] { rawSend(fresh.peer, large); });
+    ASSERT_TRUE(fresh.receive(got, large.size(), patience()));
+    direct.join();
+    EXPECT_EQ(got, large);
+
     EXPECT_TRUE(nSock::gReceive(pair.handle, 0, nullptr, false, patience()));
     EXPECT_FALSE(nSock::gReceive(pair.handle, -1, reinterpret_cast<char*>(got.data()), false, patience()));
 }

@@ -120,6 +120,14 @@ TEST(SocketLayer, ReceivesExactCountsAcrossFragmentsAndReadAhead) {
     sender.join();
     EXPECT_EQ(got, bytesOf("defghijklm"));
 
+    // Copies of a handle share what was read ahead.
+    rawSend(pair.peer, bytesOf("nopq"));
+    ASSERT_TRUE(pair.receive(got, 1, patience()));
+    nSock::cHandleValid copy = nSock::gValidate(nSock::cHandleOptional(pair.handle));
+    char rest[3];
+    ASSERT_TRUE(nSock::gReceive(copy, 3, rest, true, patience()));
+    EXPECT_EQ(std::string(rest, 3), "opq");
+
     // A large receive takes the read-ahead bytes first and the rest straight from the socket.
     Bytes large(200000);
     for (size_t i = 0; i < large.size(); ++i) large[i] = static_cast<unsigned char>(i * 7 + i / 251);

@@ -52,11 +52,22 @@ std::string errorOf(std::function<void()> const& action) {
     return "no exception";
 }
 
+// Whether this machine has the IPv6 loopback address (some containers turn IPv6 off).
+bool hasIPv6Loopback() {
+    RawFd fd(::socket(AF_INET6, SOCK_STREAM, 0));
+    sockaddr_in6 address{};
+    address.sin6_family = AF_INET6;
+    address.sin6_addr = in6addr_loopback;
+    return fd.get() >= 0 && ::bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+}
+
 TEST(SocketLayer, ListenerConnectAndAcceptOverIPv4IPv6AndNames) {
     nSock::cHandleValid listener = nSock::gCreateListener(0);
     unsigned short const port = nSock::gLocalPort(listener);
     ASSERT_NE(port, 0);
-    for (std::string host : {"127.0.0.1", "::1", "localhost"}) {
+    std::vector<std::string> hosts{"127.0.0.1", "localhost"};
+    if (hasIPv6Loopback()) hosts.push_back("::1");
+    for (std::string const& host : hosts) {
         nSock::cHandleValid client = nSock::gCreateConnected(host, port, nSock::cSocketOptions());
         nSock::cHandleValid server = nSock::gAccept(listener, boundedOptions());
         EXPECT_TRUE(nSock::gSend(client, 5, "hello")) << host;

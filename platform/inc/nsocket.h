@@ -30,7 +30,9 @@ struct cSocketState;  // the descriptor and the read buffer behind a handle
 // A handle that refers to an open socket. Made only by the functions below.
 class COLLOQUY_EXPORT cHandleValid {
 public:
-    int descriptor() const;  // the POSIX descriptor, -1 once the socket was closed or deleted
+    // The POSIX descriptor, -1 once the socket was closed or deleted. Reading from it directly
+    // bypasses the bytes gReceive has read ahead.
+    int descriptor() const;
 
 private:
     friend class cHandleOptional;

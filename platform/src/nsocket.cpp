@@ -14,8 +14,9 @@ namespace nSocket {
 
 namespace {
 
-// The read buffer: large enough that one recv brings many small messages at once.
-constexpr std::size_t kBufferSize = 64 * 1024;
+// The read buffer: large enough that one recv brings many small messages at once, small
+// enough that the copy out of it adds little to a large message whose start it caught.
+constexpr std::size_t kBufferSize = 16 * 1024;
 // Receives larger than this go straight into the caller's buffer, without a copy.
 constexpr std::size_t kDirectThreshold = kBufferSize / 2;
 
@@ -69,6 +70,7 @@ ssize_t readSome(int fd, char* into, std::size_t size, cDeadline const& deadline
 std::size_t available(cSocketState const& s) { return s.end - s.begin; }
 
 void take(cSocketState& s, char* out, std::size_t count) {
+    if (count == 0) return;  // the buffer may not exist yet
     std::memcpy(out, s.buffer.data() + s.begin, count);
     s.begin += count;
     if (s.begin == s.end) s.begin = s.end = 0;

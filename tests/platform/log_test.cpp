@@ -1,6 +1,7 @@
 // Log records: composition, the disabled-tag rule, the recursion guard, and the environment
 // variables that choose the enabled tags and the output file.
 #include "Log.h"
+#include "tag_scope.h"
 
 #include <gtest/gtest.h>
 
@@ -29,16 +30,6 @@ void gAppendPiece(std::string& out, Reentrant const&) {
     COLLOQUY_LOG(nLog::nBasic::sErrorTag_, "inner", "nested");
     out += "outer";
 }
-
-class TagScope {  // switches a tag for one test and restores it
-public:
-    TagScope(char const* tag, bool on) : mTag(tag), mWas(nLog::gIsEnabled(tag)) { nLog::gEnable(tag, on); }
-    ~TagScope() { nLog::gEnable(mTag, mWas); }
-
-private:
-    char const* mTag;
-    bool mWas;
-};
 
 TEST(Log, RecordCarriesPositionAndTabJoinedPieces) {
     TagScope on("Error", true);

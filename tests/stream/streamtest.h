@@ -3,6 +3,7 @@
 #define COLLOQUY_STREAMTEST_H
 
 #include "Log.h"
+#include "tag_scope.h"
 #include "nsocket.h"
 #include "streamsocket.h"
 
@@ -153,17 +154,6 @@ struct StreamPair {
     StreamSocket listener;
     StreamSocket client;
     std::unique_ptr<StreamSocket> server;
-};
-
-// Switches a log tag for one scope and restores it.
-class TagScope {
-public:
-    TagScope(char const* tag, bool on) : mTag(tag), mWas(nLog::gIsEnabled(tag)) { nLog::gEnable(tag, on); }
-    ~TagScope() { nLog::gEnable(mTag, mWas); }
-
-private:
-    char const* mTag;
-    bool mWas;
 };
 
 // Ends the process when a test runs longer than its bound (a hang would otherwise only be

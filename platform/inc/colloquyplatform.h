@@ -20,3 +20,4 @@
 #include "stringcoe.h"
 
 #endif
+

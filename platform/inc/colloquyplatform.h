@@ -20,4 +20,3 @@
 #include "stringcoe.h"
 
 #endif
-

@@ -15,5 +15,7 @@
 #include "rwordered.h"
 #include "staticlife.h"
 #include "stringcoe.h"
+#include "codepage.h"
+#include "envsettings.h"
 
 #endif

@@ -106,6 +106,15 @@ public:
     void FromStringZ1(std::string const& text);
     void FromStringZ1(RWCString const& text);
     void FromStringRef(RWCString const& text);
+    // Converts the text form between code pages as the process-wide mode says (mode 0: not at
+    // all), then reads it with FromString.
+    void FromStringConvert(unsigned int fromCodePage, unsigned int toCodePage, char const* text, int length);
+
+    // Converts a text form as the process-wide mode says; mode 0 copies the `length` bytes.
+    static bool ConvertX0(unsigned int fromCodePage, unsigned int toCodePage, char const* text, int length,
+                          RWCString& out);
+    // Converts a NUL-terminated text form with the current converter, whatever the mode.
+    static bool ConvertZ38(unsigned int fromCodePage, unsigned int toCodePage, char const* text, RWCString& out);
 
 private:
     mutable RWCString mLastText;  // the last text form written (a cache, also written by const readers)
@@ -120,5 +129,35 @@ COLLOQUY_EXPORT int gParseInt(char const*& cursor);
 COLLOQUY_EXPORT char const* gLoadString(char const* cursor, char*& buffer, int& bufferSize, RWCString& out,
                                         bool flag);
 COLLOQUY_EXPORT char const* gLoadString(char const* cursor, char*& buffer, int& bufferSize, RWCString& out);
+
+// ---- code-page conversion of text forms ----
+
+// The conversion switch: the process-wide mode, read once from the setting
+// "ColloquyAnsiConversion_patch" of the settings file "vantage.ini" (0 when it is missing or
+// not a number): 0 no conversion, 1 the old converter, 2 the current one, others fail.
+struct COLLOQUY_EXPORT gColloquyAnsiConversionInit__patch {
+    static int _();  // reads the setting (every call reads the file again)
+};
+struct zuColloquyAnsiConversion__patch {};  // the tag of the held mode
+// The mode held for the process: read with gColloquyAnsiConversionInit__patch on first use.
+COLLOQUY_EXPORT int gColloquyAnsiConversion__patch();
+
+// Converts with the converter that `mode` names (0 copies the text); false for an unknown mode
+// (with an Error record, `out` untouched) or when a piece could not be converted.
+COLLOQUY_EXPORT bool gConvert_patch(int mode, unsigned int fromCodePage, unsigned int toCodePage, char const* text,
+                                    int length, RWCString& out);
+// The current converter: keys kept, values converted (nested text forms recursively, plain
+// text with ANSIToANSI up to its first NUL), lengths rewritten. A text that is no text form is
+// converted as plain text. `length` -1: NUL-terminated.
+COLLOQUY_EXPORT bool gConvertX1_patch(unsigned int fromCodePage, unsigned int toCodePage, char const* text,
+                                      int length, RWCString& out);
+// The same for `text` found at `offset` in `wholeText`, which a failure record shows.
+COLLOQUY_EXPORT bool gConvertX1Internal_patch(unsigned int fromCodePage, unsigned int toCodePage, char const* text,
+                                              int length, RWCString& out, char const* wholeText, int wholeLength,
+                                              int offset);
+// The old converter: the text ends at its NUL, keys and values are cut at their first NUL,
+// and a count below one gives no pairs.
+COLLOQUY_EXPORT bool gConvertOld_patch(unsigned int fromCodePage, unsigned int toCodePage, char const* text,
+                                       RWCString& out);
 
 #endif

@@ -331,7 +331,7 @@ void readPairs(CAssociativeArray& record, nAssoText::cCursor cursor) {
     for (int i = 0; i < count; ++i) {
         std::string_view const key = nAssoText::loadPiece(cursor);
         std::string_view const value = nAssoText::loadPiece(cursor);
-        nAssoText::addPair(record, nAssoText::keyText(key), value);
+        nAssoText::addPair(record, nAssoText::upToNul(key), value);
     }
 }
 

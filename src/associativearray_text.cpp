@@ -42,33 +42,49 @@ long long tokenValue(char const* token, size_t n) {
 
 }  // namespace
 
-int parseInt(cCursor& cursor) {
+bool readInt(cCursor& cursor, int& value, std::string_view& error) {
+    error = kSyntaxError;
     size_t const window = available(cursor, kMaxDigits + 1);
     char const* const token = cursor.pos;
     size_t n = 0;
     while (n < window && token[n] != ' ') ++n;
-    if (n == 0 || n == window) throw CIllegalAssoSyntaxException("Error");  // empty, or no blank in reach
+    if (n == 0 || n == window) return false;  // empty, or no blank in reach
     cursor.pos = token + n + 1;
-    long long const value = tokenValue(token, n);
+    long long const number = tokenValue(token, n);
     // strtol gives 0 for any text without digits: only the token "0" really means zero.
-    if (value == 0 && !(n == 1 && token[0] == '0')) throw CIllegalAssoSyntaxException("Error");
-    return static_cast<int>(value);
+    if (number == 0 && !(n == 1 && token[0] == '0')) return false;
+    value = static_cast<int>(number);
+    return true;
 }
 
-std::string_view loadPiece(cCursor& cursor) {
+bool readPiece(cCursor& cursor, std::string_view& piece, std::string_view& error) {
     if (available(cursor, 1) == 0 || *cursor.pos != '\'') {
-        throw CIllegalAssoSyntaxException(std::string_view(cursor.pos, available(cursor, SIZE_MAX)));
+        error = std::string_view(cursor.pos, available(cursor, SIZE_MAX));
+        return false;
     }
     ++cursor.pos;
-    int const length = parseInt(cursor);
-    if (length < 0) throw CIllegalAssoSyntaxException("Error");
+    int length = 0;
+    if (!readInt(cursor, length, error)) return false;
     auto const n = static_cast<size_t>(length);
-    if (cursor.end && n > static_cast<size_t>(cursor.end - cursor.pos)) throw CIllegalAssoSyntaxException("Error");
-    std::string_view const piece(cursor.pos, n);
+    if (length < 0 || (cursor.end && n > static_cast<size_t>(cursor.end - cursor.pos))) return false;
+    piece = std::string_view(cursor.pos, n);
     cursor.pos += n;
     // The byte after the piece (a blank from the writer) is skipped unread; at the very end
     // of the input it may be missing.
     if (!cursor.end || cursor.pos < cursor.end) ++cursor.pos;
+    return true;
+}
+
+int parseInt(cCursor& cursor) {
+    int value = 0;
+    std::string_view error;
+    if (!readInt(cursor, value, error)) throw CIllegalAssoSyntaxException(error);
+    return value;
+}
+
+std::string_view loadPiece(cCursor& cursor) {
+    std::string_view piece, error;
+    if (!readPiece(cursor, piece, error)) throw CIllegalAssoSyntaxException(error);
     return piece;
 }
 
@@ -90,7 +106,7 @@ size_t prefixSize(size_t length) {
     return digits + 3;
 }
 
-std::string_view keyText(std::string_view piece) { return piece.substr(0, piece.find('\0')); }
+std::string_view upToNul(std::string_view piece) { return piece.substr(0, piece.find('\0')); }
 
 namespace {
 

@@ -22,13 +22,21 @@ struct cCursor {
     char const* end;
 };
 
+// The text of the exception for the errors found in a number.
+inline constexpr std::string_view kSyntaxError = "Error";
+
 // Reads one decimal number of 1 to 18 characters ended by a blank and moves past the blank
-// (also when the number is then refused). Throws CIllegalAssoSyntaxException("Error").
-int parseInt(cCursor& cursor);
+// (also when the number is then refused). On a syntax error it returns false and sets `error`
+// to the text the CIllegalAssoSyntaxException carries ("Error").
+bool readInt(cCursor& cursor, int& value, std::string_view& error);
 
 // Reads one piece "'<length> <bytes>" and steps over the byte after it, when there is one.
-// The bytes stay in the input. Throws CIllegalAssoSyntaxException: with the rest of the input
-// when the apostrophe is missing, with "Error" for a bad, negative or too large length.
+// The bytes stay in the input. On a syntax error it returns false with `error` set: the rest
+// of the input when the apostrophe is missing, "Error" for a bad, negative or too large length.
+bool readPiece(cCursor& cursor, std::string_view& piece, std::string_view& error);
+
+// The same, throwing CIllegalAssoSyntaxException(error) on a syntax error.
+int parseInt(cCursor& cursor);
 std::string_view loadPiece(cCursor& cursor);
 
 // Appends `n` in decimal; appends the length prefix " '<n> " of a piece.
@@ -37,8 +45,8 @@ void appendPrefix(std::string& out, size_t length);
 // The number of bytes appendPrefix writes for `length`.
 size_t prefixSize(size_t length);
 
-// The key as a NUL-terminated key would hold it: up to its first NUL.
-std::string_view keyText(std::string_view piece);
+// The bytes up to the first NUL: a key as a NUL-terminated key holds it, a text as read by NUL.
+std::string_view upToNul(std::string_view piece);
 
 // The value object stored for `key`, or null; the lookup makes no allocation.
 RWCollectableString* storedValue(CAssociativeArray const& record, std::string_view key);

@@ -16,5 +16,7 @@
 #include "staticlife.h"
 #include "stringcoe.h"
 #include "qrprocess.h"
+#include "codepage.h"
+#include "envsettings.h"
 
 #endif

@@ -15,6 +15,7 @@
 #include "rwordered.h"
 #include "staticlife.h"
 #include "stringcoe.h"
+#include "qrprocess.h"
 #include "codepage.h"
 #include "envsettings.h"
 

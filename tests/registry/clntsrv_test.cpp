@@ -1,0 +1,373 @@
+// The event registry: handler indices, registration and replacement of events, dispatch that
+// keeps or drops clients (observed through destruction counters), serial numbers, and the
+// Error records of the checks.
+#include "socketlib.h"
+
+#include "nlog.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+int gEventsDestroyed = 0;
+int gClientsDestroyed = 0;
+
+// An event with an identity: equal to another KeyedEvent with the same key. Only events
+// with a client count their destruction (lookup probes have none).
+class KeyedEvent : public BaseEvent {
+public:
+    KeyedEvent(int key, ClientObj* client, int index) : BaseEvent(0, client, index), mKey(key) {}
+    ~KeyedEvent() override { gEventsDestroyed += eventClient != nullptr; }
+    RWClassID isA() const override { return 0x4711; }
+    unsigned hash() const override { return static_cast<unsigned>(mKey); }
+    bool isEqual(RWCollectable const* other) const override {
+        return other->isA() == isA() && static_cast<KeyedEvent const*>(other)->mKey == mKey;
+    }
+
+private:
+    int mKey;
+};
+
+// An event with BaseEvent's identity (equal to nothing) that counts its destruction.
+class AnonymousEvent : public BaseEvent {
+public:
+    using BaseEvent::BaseEvent;
+    ~AnonymousEvent() override { ++gEventsDestroyed; }
+};
+
+// A client whose handlers record the events they get and answer 1 (keep) or 0 (finished).
+class TestClient : public ClientObj {
+public:
+    ~TestClient() override { ++gClientsDestroyed; }
+    int keep(BaseEvent& event) {
+        seen.push_back(&event);
+        return 1;
+    }
+    int finish(BaseEvent& event) {
+        seen.push_back(&event);
+        return 0;
+    }
+    int keepIndex() { return signOn(static_cast<ClientHandler>(&TestClient::keep)); }
+    int finishIndex() { return signOn(static_cast<ClientHandler>(&TestClient::finish)); }
+    // Lets a test put the counters out of step, a state no public operation brings about.
+    void setCounters(int highest, int count) {
+        highestIndex = highest;
+        handlerCount = count;
+    }
+    std::vector<BaseEvent*> seen;
+};
+
+class TestServer : public ServerObj {
+public:
+    TestServer() : ServerObj(16) {}
+    size_t entries() const { return eventTable->entries(); }
+    void dropTable() { eventTable.reset(); }
+};
+
+class ErrorRecords {  // switches the Error tag on and captures records for one test
+public:
+    ErrorRecords() : mWas(nLog::gIsEnabled("Error")) { nLog::gEnable("Error", true); }
+    ~ErrorRecords() { nLog::gEnable("Error", mWas); }
+    size_t count() const { return mCapture.records().size(); }
+    std::vector<nLog::cRecord> const& records() const { return mCapture.records(); }
+    void clear() { mCapture.clear(); }
+
+private:
+    bool mWas;
+    nLog::cCapture mCapture;
+};
+
+class RegistryTest : public ::testing::Test {
+protected:
+    void SetUp() override { gEventsDestroyed = gClientsDestroyed = 0; }
+};
+
+TEST_F(RegistryTest, SignOnIssuesOneTo256ThenRefuses) {
+    ErrorRecords errors;
+    TestClient client;
+    EXPECT_EQ(client.keepIndex(), 1);
+    EXPECT_EQ(client.finishIndex(), 2);
+    for (int expected = 3; expected <= 256; ++expected) ASSERT_EQ(client.keepIndex(), expected);
+    EXPECT_EQ(client.keepIndex(), -1);
+    EXPECT_EQ(client.finishIndex(), -1);
+    EXPECT_EQ(errors.count(), 0u);
+
+    // The refused calls stored nothing: index 256 still holds the first "keep" handler.
+    BaseEvent last(0, &client, 256);
+    EXPECT_EQ(client.dispatch(last), 1);
+    EXPECT_EQ(client.seen, std::vector<BaseEvent*>{&last});
+}
+
+TEST_F(RegistryTest, DispatchCallsTheHandlerAtTheEventsIndex) {
+    TestClient client;
+    int const keep = client.keepIndex();
+    int const finish = client.finishIndex();
+    BaseEvent toKeep(0, &client, keep);
+    BaseEvent toFinish(0, &client, finish);
+    EXPECT_EQ(client.dispatch(toKeep), 1);
+    EXPECT_EQ(toKeep.dispatchMe(), 1);
+    EXPECT_EQ(client.dispatch(toFinish), 0);
+    EXPECT_EQ(client.seen, (std::vector<BaseEvent*>{&toKeep, &toKeep, &toFinish}));
+
+    // A registered event routes an incoming one through its own handler.
+    BaseEvent incoming(0, nullptr, 99);
+    EXPECT_EQ(toFinish.dispatchEvent(incoming), 0);
+    EXPECT_EQ(incoming.handlerIndex, finish);
+    EXPECT_EQ(client.seen.back(), &incoming);
+}
+
+TEST_F(RegistryTest, DispatchReportsIndexAbove255AndEmptySlots) {
+    ErrorRecords errors;
+    TestClient client;
+    for (int i = 0; i < 256; ++i) client.keepIndex();
+
+    // Index 256 has a handler: one report for the range, and the handler still runs.
+    BaseEvent top(0, &client, 256);
+    EXPECT_EQ(client.dispatch(top), 1);
+    ASSERT_EQ(errors.count(), 1u);
+    nLog::cRecord const r = errors.records()[0];
+    EXPECT_EQ(r.tag, "Error");
+    EXPECT_EQ(r.module, "ColloquyUtil");
+    EXPECT_EQ(r.file, "../src/clntsrv");
+    EXPECT_EQ(r.text, "");
+    EXPECT_GT(r.line, 0);
+
+    // Slot 0 is never issued: an empty slot is reported and no handler runs.
+    errors.clear();
+    BaseEvent zero(0, &client, 0);
+    EXPECT_EQ(client.dispatch(zero), -1);
+    EXPECT_EQ(errors.count(), 1u);
+    EXPECT_NE(errors.records()[0].line, r.line);
+
+    // Beyond the table: the range report only; nothing is read outside the table.
+    errors.clear();
+    BaseEvent beyond(0, &client, 100000);
+    EXPECT_EQ(client.dispatch(beyond), -1);
+    EXPECT_EQ(errors.count(), 1u);
+
+    // A negative index is below the checked bound: no report, no call.
+    errors.clear();
+    BaseEvent negative(0, &client, -1);
+    EXPECT_EQ(client.dispatch(negative), -1);
+    EXPECT_EQ(errors.count(), 0u);
+    EXPECT_EQ(client.seen, std::vector<BaseEvent*>{&top});
+}
+
+TEST_F(RegistryTest, NullHandlerIsReportedAndStored) {
+    ErrorRecords errors;
+    TestClient client;
+    EXPECT_EQ(client.signOn(nullptr), 1);
+    EXPECT_EQ(errors.count(), 1u);
+    EXPECT_EQ(client.keepIndex(), 2);
+    errors.clear();
+    BaseEvent event(0, &client, 1);
+    EXPECT_EQ(client.dispatch(event), -1);  // the stored null slot is reported as empty
+    EXPECT_EQ(errors.count(), 1u);
+}
+
+TEST_F(RegistryTest, CountersOutOfStepAreReportedAndStayInsideTheTable) {
+    ErrorRecords errors;
+    TestClient client;
+    client.keepIndex();
+    client.keepIndex();
+
+    // highestIndex 2 is occupied: it is reused; the count then exceeds it.
+    client.setCounters(2, 5);
+    EXPECT_EQ(client.finishIndex(), 2);
+    EXPECT_EQ(errors.count(), 2u);
+    BaseEvent second(0, &client, 2);
+    EXPECT_EQ(client.dispatch(second), 0);  // the finish handler replaced keep
+
+    // highestIndex 0 is empty: the first occupied slot above it (1) is taken; three reports.
+    errors.clear();
+    client.setCounters(0, 3);
+    EXPECT_EQ(client.finishIndex(), 1);
+    EXPECT_EQ(errors.count(), 3u);
+
+    // Nothing occupied from a high highestIndex on: that index itself, within the table.
+    errors.clear();
+    client.setCounters(255, 0);
+    EXPECT_EQ(client.keepIndex(), 255);
+    EXPECT_EQ(errors.count(), 1u);
+}
+
+TEST_F(RegistryTest, RegisteringAnEqualEventReplacesWithoutDestroying) {
+    TestClient client;
+    int const index = client.keepIndex();
+    auto* first = new KeyedEvent(7, &client, index);
+    auto* second = new KeyedEvent(7, &client, index);
+    auto* other = new KeyedEvent(8, &client, index);
+    {
+        TestServer server;
+        EXPECT_EQ(client.pleaseRegister(server, *first), 1);
+        EXPECT_EQ(server.registerEvent(*other), 1);
+        EXPECT_EQ(server.findEvent(*second), first);
+        EXPECT_EQ(server.registerEvent(*second), 1);
+        EXPECT_EQ(server.entries(), 2u);
+        EXPECT_EQ(server.findEvent(*first), second);
+        EXPECT_EQ(gEventsDestroyed, 0);  // the replaced one went back to its owner
+    }
+    EXPECT_EQ(gEventsDestroyed, 2);  // the server destroyed second and other
+    delete first;
+}
+
+TEST_F(RegistryTest, AnonymousEventsAreAllKeptAndNeverFound) {
+    TestClient client;
+    {
+        TestServer server;
+        auto* a = new AnonymousEvent(0, &client, 1);
+        auto* b = new AnonymousEvent(0, &client, 1);
+        server.registerEvent(*a);
+        server.registerEvent(*b);
+        EXPECT_EQ(server.entries(), 2u);
+        EXPECT_EQ(server.findEvent(*a), nullptr);
+        EXPECT_EQ(server.unRegisterEvent(*b), 0);
+        EXPECT_EQ(server.entries(), 2u);
+        EXPECT_EQ(gEventsDestroyed, 0);
+    }
+    EXPECT_EQ(gEventsDestroyed, 2);  // both went with the server
+}
+
+TEST_F(RegistryTest, UnregisteringAnEventLeavesItToTheCaller) {
+    TestClient client;
+    TestServer server;
+    KeyedEvent registered(1, &client, 1);
+    KeyedEvent probe(1, nullptr, 0);
+    KeyedEvent stranger(2, nullptr, 0);
+    server.registerEvent(registered);
+    EXPECT_EQ(client.pleaseUnRegister(server, stranger), 0);
+    EXPECT_NE(client.pleaseUnRegister(server, probe), 0);
+    EXPECT_EQ(server.entries(), 0u);
+    EXPECT_EQ(server.findEvent(probe), nullptr);
+    EXPECT_EQ(server.unRegisterEvent(probe), 0);
+    EXPECT_EQ(gEventsDestroyed, 0);
+}
+
+TEST_F(RegistryTest, DispatchEventKeepsOrDropsTheClient) {
+    TestServer server;
+    auto* dropped = new TestClient;
+    auto* kept = new TestClient;
+    int const finish = dropped->finishIndex();
+    int const keep = kept->keepIndex();
+    auto* droppedA = new KeyedEvent(1, dropped, finish);
+    auto* droppedB = new KeyedEvent(2, dropped, finish);
+    auto* keptA = new KeyedEvent(3, kept, keep);
+    server.registerEvent(*droppedA);
+    server.registerEvent(*droppedB);
+    server.registerEvent(*keptA);
+
+    // A handler answering 1 changes nothing.
+    server.dispatchEvent(*keptA);
+    EXPECT_EQ(kept->seen, std::vector<BaseEvent*>{keptA});
+    EXPECT_EQ(server.entries(), 3u);
+    EXPECT_EQ(gEventsDestroyed + gClientsDestroyed, 0);
+
+    // Answering 0 destroys all the client's events (the dispatched one too), then the client.
+    server.dispatchEvent(*droppedA);
+    EXPECT_EQ(gEventsDestroyed, 2);
+    EXPECT_EQ(gClientsDestroyed, 1);
+    EXPECT_EQ(server.entries(), 1u);
+    KeyedEvent probe(3, nullptr, 0);
+    EXPECT_EQ(server.findEvent(probe), keptA);
+
+    // An unregistered event whose handler answers 0 still drops its client's events.
+    auto* late = new TestClient;
+    auto* lateEvent = new KeyedEvent(4, late, late->finishIndex());
+    server.registerEvent(*lateEvent);
+    KeyedEvent transient(5, late, 1);
+    server.dispatchEvent(transient);
+    EXPECT_EQ(gEventsDestroyed, 3);
+    EXPECT_EQ(gClientsDestroyed, 2);
+    EXPECT_EQ(server.entries(), 1u);
+
+    kept->pleaseUnRegisterAll(server);
+    EXPECT_EQ(gEventsDestroyed, 4);
+    EXPECT_EQ(server.entries(), 0u);
+    delete kept;
+}
+
+TEST_F(RegistryTest, UnRegisterClientTouchesOnlyThatClient) {
+    TestClient a;
+    TestClient b;
+    {
+        TestServer server;
+        for (int key = 0; key < 40; ++key)
+            server.registerEvent(*new KeyedEvent(key, key % 2 ? &a : &b, 1));
+        a.pleaseUnRegisterAll(server);
+        EXPECT_EQ(gEventsDestroyed, 20);
+        EXPECT_EQ(server.entries(), 20u);
+        for (int key = 0; key < 40; ++key) {
+            KeyedEvent probe(key, nullptr, 0);
+            BaseEvent* found = server.findEvent(probe);
+            ClientObj* const owner = found ? found->eventClient : nullptr;
+            EXPECT_EQ(owner, key % 2 ? nullptr : &b) << key;
+        }
+    }
+    EXPECT_EQ(gEventsDestroyed, 40);  // the rest went with the server
+    EXPECT_EQ(gClientsDestroyed, 0);
+}
+
+TEST_F(RegistryTest, EventsWithoutClientAreReported) {
+    ErrorRecords errors;
+    TestServer server;
+    BaseEvent orphan(0, nullptr, 1);
+    EXPECT_EQ(orphan.dispatchMe(), 0);
+    EXPECT_EQ(errors.count(), 1u);
+    BaseEvent incoming;
+    EXPECT_EQ(orphan.dispatchEvent(incoming), 0);
+    EXPECT_EQ(errors.count(), 2u);
+    server.dispatchEvent(orphan);  // answer 0 without a client: nothing to drop
+    EXPECT_EQ(errors.count(), 3u);
+    EXPECT_EQ(gClientsDestroyed, 0);
+
+    // The records are only made while the Error tag is on.
+    nLog::gEnable("Error", false);
+    EXPECT_EQ(orphan.dispatchMe(), 0);
+    EXPECT_EQ(errors.count(), 3u);
+}
+
+TEST_F(RegistryTest, ServerWithoutTableReportsOnDestruction) {
+    ErrorRecords errors;
+    {
+        TestServer server;
+        server.dropTable();
+        KeyedEvent event(1, nullptr, 0);
+        EXPECT_EQ(server.registerEvent(event), 0);
+        EXPECT_EQ(server.findEvent(event), nullptr);
+        EXPECT_EQ(errors.count(), 0u);
+    }
+    EXPECT_EQ(errors.count(), 1u);
+}
+
+TEST_F(RegistryTest, SerialNumbersNamesAndIdentity) {
+    TestClient first;
+    ServerObj second(0);  // a bucket count below 1 is taken as 1
+    EXPECT_EQ(second.value(), first.value() + 1);
+    EXPECT_GT(first.value(), 0);
+    EXPECT_EQ(first.valid(), 1);
+    EXPECT_EQ(second.valid(), 1);
+    EXPECT_EQ(static_cast<ValidateObject&>(first).valid(), 1);
+    EXPECT_EQ(second.applyRegistration(), 1);
+
+    EXPECT_STREQ(first.nameOf(), "ClientObj");
+    EXPECT_STREQ(second.nameOf(), "ServerObj");
+    EXPECT_STREQ(static_cast<ValidateObject const&>(second).nameOf(), "ServerObj");
+    BaseEvent event(42, &first, 3);
+    EXPECT_STREQ(event.nameOf(), "BaseEvent");
+    EXPECT_EQ(event.value(), 42);
+    EXPECT_EQ(event.eventClient, &first);
+    EXPECT_EQ(event.handlerIndex, 3);
+
+    // Anonymous as collectables: class id 0, hash 0, equal to nothing.
+    EXPECT_EQ(first.isA(), 0);
+    EXPECT_EQ(first.hash(), 0u);
+    EXPECT_FALSE(first.isEqual(&first));
+    EXPECT_EQ(event.isA(), 0);
+    EXPECT_EQ(event.hash(), 0u);
+    EXPECT_FALSE(event.isEqual(&event));
+}
+
+}  // namespace

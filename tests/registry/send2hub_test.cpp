@@ -1,0 +1,127 @@
+// The hub key dump: exact texts, the missing-value failure (null result, nothing printed) and
+// the text's ownership.
+#include "send2hub.h"
+
+#include "associativearray.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <memory>
+#include <string>
+#include <unistd.h>
+
+namespace {
+
+char const* const kEnd = nullptr;
+
+struct HubText {  // owns a dump and releases it with FreeHubDumpArray
+    void operator()(char* text) const { FreeHubDumpArray(text); }
+};
+using HubTextPtr = std::unique_ptr<char, HubText>;
+
+template <class... Args>
+std::string gDump(char const* from, Args... args) {
+    HubTextPtr text(DumpHubArray(from, args..., kEnd));
+    EXPECT_NE(text, nullptr);
+    return text ? std::string(text.get()) : std::string("<null>");
+}
+
+char* gDumpThroughVaList(char const* from, ...) {
+    va_list args;
+    va_start(args, from);
+    char* text = DumpHubVArray(from, args);
+    va_end(args);
+    return text;
+}
+
+// Runs `body` with the standard output sent to a file and returns what was written.
+template <class Body>
+std::string gStandardOutputOf(Body body) {
+    char path[] = "/tmp/send2hub_stdout_XXXXXX";
+    int const file = mkstemp(path);
+    EXPECT_GE(file, 0);
+    std::fflush(stdout);
+    int const saved = dup(STDOUT_FILENO);
+    dup2(file, STDOUT_FILENO);
+    body();
+    std::fflush(stdout);
+    dup2(saved, STDOUT_FILENO);
+    close(saved);
+    std::string out;
+    lseek(file, 0, SEEK_SET);
+    char buffer[256];
+    for (ssize_t n; (n = read(file, buffer, sizeof buffer)) > 0;) out.append(buffer, static_cast<size_t>(n));
+    close(file);
+    unlink(path);
+    return out;
+}
+
+TEST(HubDump, WritesTheTextFormWithTheSenderFirst) {
+    EXPECT_EQ(gDump("agent", "mode", "fast"), "2 '5 $FROM '5 agent '4 mode '4 fast");
+    EXPECT_EQ(gDump("agent"), "1 '5 $FROM '5 agent");
+    EXPECT_EQ(gDump(""), "1 '5 $FROM '0 ");
+    EXPECT_EQ(gDump("hub", "", "v", "k", ""), "3 '5 $FROM '3 hub '0  '1 v '1 k '0 ");
+    // Keys are written as given: duplicates and a caller's own "$FROM" are not checked.
+    EXPECT_EQ(gDump("a", "$FROM", "b", "k", "1", "k", "2"),
+              "4 '5 $FROM '1 a '5 $FROM '1 b '1 k '1 1 '1 k '1 2");
+    // Blanks, quotes and digits inside texts are counted like any byte.
+    EXPECT_EQ(gDump("x y", "'3 z", "a b c"), "2 '5 $FROM '3 x y '4 '3 z '5 a b c");
+}
+
+TEST(HubDump, CountsAndLengthsOfManyDigits) {
+    std::string const longValue(12345, 'v');
+    std::string expected = "11 '5 $FROM '1 s";
+    HubTextPtr text(DumpHubArray("s", "k0", "v", "k1", "v", "k2", "v", "k3", "v", "k4", "v", "k5", "v", "k6",
+                                 "v", "k7", "v", "k8", "v", "long", longValue.c_str(), kEnd));
+    for (int i = 0; i < 9; ++i) expected += " '2 k" + std::to_string(i) + " '1 v";
+    expected += " '4 long '12345 " + longValue;
+    ASSERT_NE(text, nullptr);
+    EXPECT_EQ(std::string(text.get()), expected);
+}
+
+TEST(HubDump, VaListFormGivesTheSameText) {
+    HubTextPtr direct(DumpHubArray("agent", "mode", "fast", "n", "1", kEnd));
+    HubTextPtr forwarded(gDumpThroughVaList("agent", "mode", "fast", "n", "1", kEnd));
+    ASSERT_NE(direct, nullptr);
+    ASSERT_NE(forwarded, nullptr);
+    EXPECT_STREQ(direct.get(), forwarded.get());
+}
+
+TEST(HubDump, NullValueGivesNullAndPrintsNothing) {
+    char* text = reinterpret_cast<char*>(1);
+    std::string const printed = gStandardOutputOf([&] { text = DumpHubArray("agent", "a", "1", "broken", kEnd, kEnd); });
+    EXPECT_EQ(text, nullptr);
+    EXPECT_EQ(printed, "");
+    EXPECT_EQ(gDumpThroughVaList("agent", "broken", kEnd), nullptr);
+}
+
+TEST(HubDump, ReadsBackAsTheSamePairsPlusTheSender) {
+    std::string const binaryish = "quote ' apostrophe '5 digits\t tab";
+    HubTextPtr text(DumpHubArray("agent@host7", "mode", "fast", "empty", "", "", "no key", "odd", binaryish.c_str(), kEnd));
+    ASSERT_NE(text, nullptr);
+    CAssociativeArray record(8);
+    record.FromStringZTS(text.get());
+    EXPECT_EQ(record.entries(), 5u);
+    EXPECT_STREQ(record.GetValueOfParameter("$FROM"), "agent@host7");
+    EXPECT_STREQ(record.GetValueOfParameter("mode"), "fast");
+    EXPECT_STREQ(record.GetValueOfParameter("empty"), "");
+    EXPECT_STREQ(record.GetValueOfParameter(""), "no key");
+    EXPECT_EQ(record.GetValueOfParameter("odd"), binaryish);
+
+    // The sender alone, and an empty sender.
+    HubTextPtr alone(DumpHubArray("", kEnd));
+    CAssociativeArray single(8);
+    single.FromStringZTS(alone.get());
+    EXPECT_EQ(single.entries(), 1u);
+    EXPECT_STREQ(single.GetValueOfParameter("$FROM"), "");
+}
+
+TEST(HubDump, NullSenderGivesNullAndFreeingNullDoesNothing) {
+    EXPECT_EQ(DumpHubArray(nullptr, "k", "v", kEnd), nullptr);
+    FreeHubDumpArray(nullptr);
+}
+
+}  // namespace

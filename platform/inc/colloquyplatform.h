@@ -5,6 +5,7 @@
 #include "cplatformdefs.h"
 #include "kzexception.h"
 #include "nlog.h"
+#include "nsocket.h"
 #include "ntime.h"
 #include "rwcollect.h"
 #include "rwcollection.h"

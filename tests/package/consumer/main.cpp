@@ -1,14 +1,17 @@
 // A host program that links only the installed ColloquyUtil package.
 #include "Log.h"
+#include "associativearray.h"
 #include "colloquyplatform.h"
 
 #include <cstdio>
 
 int main() {
-    // One symbol from each library: the library's trace tag and the platform's tokenizer.
+    // Symbols from both libraries: the library's trace tag and record, the platform's tokenizer.
     RWCString const text("name@host");
     RWCTokenizer next(text);
     RWCString const name = next("@");
-    std::printf("%s %s\n", nColloquy::sTraceTag_.name(), name.data());
+    CAssociativeArray record;
+    record.AddCouple("ab", "xyz");
+    std::printf("%s %s [%s]\n", nColloquy::sTraceTag_.name(), name.data(), record.ToString(false, false));
     return 0;
 }

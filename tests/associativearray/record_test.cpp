@@ -1,0 +1,226 @@
+// The record: adding and replacing, numbers and arrays, the readers with and without a
+// default, the exceptions, Reset and the move constructor.
+#include "assoc_test_util.h"
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+using assoctest::Pairs;
+using assoctest::pairsOf;
+
+namespace {
+
+TEST(AssociativeArrayRecord, LastValueWinsAndFirstKeyObjectStays) {
+    CAssociativeArray record(4);
+    record.AddCouple("k", "a");
+    RWCollectableString const probe("k");
+    RWCollectable* const firstKey = record.find(&probe);
+    ASSERT_NE(firstKey, nullptr);
+    record.AddCouple("k", "b");
+    EXPECT_EQ(record.entries(), 1u);
+    EXPECT_STREQ(record.GetValueOfParameter("k"), "b");
+    EXPECT_EQ(record.find(&probe), firstKey);
+    // Keys compare exactly: other case, prefix and extension are other keys.
+    record.AddCouple("K", "c");
+    record.AddCouple("kk", "d");
+    EXPECT_EQ(pairsOf(record), (Pairs{{"K", "c"}, {"k", "b"}, {"kk", "d"}}));
+}
+
+TEST(AssociativeArrayRecord, ValuesAreBinarySafe) {
+    CAssociativeArray record;
+    record.AddCouple("k", "a\0b", 3);
+    char const* data = nullptr;
+    int length = 0;
+    record.GetValueOfParameter("k", data, length);
+    EXPECT_EQ(std::string(data, static_cast<size_t>(length)), std::string("a\0b", 3));
+    EXPECT_STREQ(record.GetValueOfParameter("k"), "a");
+    EXPECT_EQ(record.GetStringValueOfParameter("k").length(), 3u);
+
+    record.AddCouple("s", cStringCoeImpl(std::string("x\0y\0", 4)));
+    EXPECT_EQ(record.GetStringValueOfParameter("s").stdString(), std::string("x\0y\0", 4));
+    record.AddCouple("empty", "", 0);
+    record.AddCouple("none", nullptr);
+    EXPECT_STREQ(record.GetValueOfParameter("empty", "def"), "");
+    EXPECT_STREQ(record.GetValueOfParameter("none", "def"), "");
+}
+
+TEST(AssociativeArrayRecord, NumbersAreStoredAsText) {
+    CAssociativeArray record;
+    record.AddCouple("d", 1.5);
+    EXPECT_STREQ(record.GetValueOfParameter("d"), "1.5000000000000000000000000000000000000000e+00");
+    record.AddCouple("tenth", 0.1);
+    EXPECT_EQ(record.GetDoubleValueOfParameter("tenth"), 0.1);
+    EXPECT_EQ(std::strlen(record.GetValueOfParameter("tenth")), std::strlen("1.") + 40 + std::strlen("e-01"));
+    record.AddCouple("neg", -42L);
+    EXPECT_STREQ(record.GetValueOfParameter("neg"), "-42");
+    EXPECT_EQ(record.GetInt32ValueOfParameter("neg"), -42);
+    // A long is stored whole, whatever its width.
+    record.AddCouple("max", LONG_MAX);
+    EXPECT_EQ(record.GetStringValueOfParameter("max").stdString(), std::to_string(LONG_MAX));
+    EXPECT_EQ(record.GetInt32ValueOfParameter("max"), LONG_MAX);
+    // No validation: strtol and strtod semantics.
+    record.AddCouple("text", "abc");
+    record.AddCouple("mixed", "  12x");
+    EXPECT_EQ(record.GetInt32ValueOfParameter("text"), 0);
+    EXPECT_EQ(record.GetInt32ValueOfParameter("mixed"), 12);
+    EXPECT_EQ(record.GetDoubleValueOfParameter("text", 9.0), 0.0);
+}
+
+TEST(AssociativeArrayRecord, ArrayElementsAreKeysWithTheIndexAppended) {
+    CAssociativeArray record;
+    record.AddArrayCouple("X", 7L, 12);
+    record.AddArrayCouple("Item", "minus", -1);
+    record.AddArrayCouple("D", 2.5, 0);
+    EXPECT_EQ(pairsOf(record), (Pairs{{"X12", "7"},
+                                      {"Item-1", "minus"},
+                                      {"D0", "2.5000000000000000000000000000000000000000e+00"}}));
+    EXPECT_EQ(record.GetInt32ValueOfParameterArray("X", 12), 7);
+    EXPECT_STREQ(record.GetValueOfParameterArray("Item", -1), "minus");
+    EXPECT_EQ(record.GetDoubleValueOfParameterArray("D", 0), 2.5);
+    EXPECT_EQ(record.GetInt32ValueOfParameterArray("X", 13, 5L), 5);
+    EXPECT_STREQ(record.GetValueOfParameterArray("X", 1, "def"), "def");
+    EXPECT_EQ(record.GetDoubleValueOfParameterArray("D", 1, 0.25), 0.25);
+    EXPECT_THROW(record.GetValueOfParameterArray("X", 1), CAssoKeyDoesNotExistException);
+
+    // A name too long for the short-key buffer.
+    std::string const longName(300, 'n');
+    record.AddArrayCouple(longName.c_str(), "long", INT_MIN);
+    EXPECT_STREQ(record.GetValueOfParameter((longName + std::to_string(INT_MIN)).c_str()), "long");
+    EXPECT_STREQ(record.GetValueOfParameterArray(longName.c_str(), INT_MIN), "long");
+}
+
+TEST(AssociativeArrayRecord, ReadersWithDefaultNeverThrow) {
+    CAssociativeArray record;
+    char const def[] = "default";
+    EXPECT_EQ(record.GetValueOfParameter("missing", def), def);
+    EXPECT_EQ(record.GetInt32ValueOfParameter("missing", 5L), 5);
+    EXPECT_EQ(record.GetDoubleValueOfParameter("missing", 0.5), 0.5);
+    EXPECT_EQ(record.GetValueOfParameter("missing", nullptr), nullptr);
+    EXPECT_FALSE(record.KeyExists("missing"));
+    record.AddCouple("present", "");
+    EXPECT_TRUE(record.KeyExists("present"));
+}
+
+TEST(AssociativeArrayRecord, MissingKeyThrowsWithTheWholeTextForm) {
+    CAssociativeArray record;
+    record.AddCouple("body", "x\0y", 3);
+    auto expectMissing = [&record](auto read) {
+        try {
+            read();
+            ADD_FAILURE() << "no exception";
+        } catch (CAssoKeyDoesNotExistException const& e) {
+            EXPECT_STREQ(e.messageFile(), "loadengine.frm");
+            EXPECT_EQ(e.messageNumber(), 11);
+            ASSERT_EQ(e.arguments().size(), 2u);
+            EXPECT_EQ(e.arguments()[0], "missing");
+            // The record's text, NUL byte included; the cache now holds it too.
+            EXPECT_EQ(e.arguments()[1], std::string("1 '4 body '3 x\0y ", 17));
+            EXPECT_EQ(record.ToStringRef(false, false).stdString(), e.arguments()[1]);
+            EXPECT_EQ(std::string(e.what()), "Key 'missing' does not exist in: 1 '4 body '3 x");
+        }
+    };
+    expectMissing([&] { record.GetValueOfParameter("missing"); });
+    expectMissing([&] { record.GetStringValueOfParameter("missing"); });
+    expectMissing([&] { record.GetInt32ValueOfParameter("missing"); });
+    expectMissing([&] { record.GetDoubleValueOfParameter("missing"); });
+    expectMissing([&] { record.GetValueOfParameterAndDecodeIf("missing", true); });
+    expectMissing([&] {
+        char const* data;
+        int length;
+        record.GetValueOfParameter("missing", data, length);
+    });
+    // The throwing reader rewrites the cache: a pointer from an earlier writer call shows it.
+    char const* earlier = record.ToString(true, true);
+    EXPECT_THROW(record.GetValueOfParameter("missing"), CAssociativeArrayException);
+    EXPECT_STREQ(earlier, "1 '4 body '3 x");
+}
+
+TEST(AssociativeArrayRecord, ExceptionsAreKZErrorExceptions) {
+    CIllegalAssoSyntaxException const syntax("bad text");
+    KZErrorException const& base = syntax;
+    EXPECT_EQ(base.messageNumber(), 10);
+    EXPECT_STREQ(base.what(), "Illegal associative array syntax: bad text");
+    EXPECT_EQ(std::string(base.vGetErrorMsg_iKZException().data()), base.what());
+
+    CIllegalAssoSyntaxException const binary(std::string_view("a\0b", 3));
+    EXPECT_EQ(binary.arguments(), std::vector<std::string>{std::string("a\0b", 3)});
+    CAssoKeyDoesNotExistException const missing("k", "1 '1 k '0  ");
+    EXPECT_STREQ(missing.what(), "Key 'k' does not exist in: 1 '1 k '0  ");
+
+    CAssociativeArrayException const wrapped(KZErrorException("other.frm", 3, "x", nullptr));
+    EXPECT_STREQ(wrapped.messageFile(), "other.frm");
+    EXPECT_EQ(wrapped.arguments(), std::vector<std::string>{"x"});
+    try {
+        throw CIllegalAssoSyntaxException("thrown");
+    } catch (std::exception const& e) {
+        EXPECT_STREQ(e.what(), "Illegal associative array syntax: thrown");
+    }
+}
+
+TEST(AssociativeArrayRecord, ResetForgetsPairsWithoutDestroyingThem) {
+    CAssociativeArray record;
+    record.AddCouple("a", "1");
+    record.AddCouple("b", "2");
+    char const* const text = record.ToString(false, false);
+    std::string const before(text);
+    std::vector<RWCollectable*> owned;
+    RWHashDictionaryIterator next(record);
+    while (RWCollectable* key = next()) {
+        owned.push_back(key);
+        owned.push_back(next.value());
+    }
+    record.Reset();
+    EXPECT_EQ(record.entries(), 0u);
+    EXPECT_FALSE(record.KeyExists("a"));
+    EXPECT_FALSE(record.KeyExists("b"));
+    EXPECT_EQ(text, before);  // the cache keeps the old text
+    // The objects are still alive and ours to destroy.
+    for (RWCollectable* item : owned) EXPECT_EQ(item->isA(), __RWCOLLECTABLESTRING);
+    for (RWCollectable* item : owned) delete item;
+    // The record stays usable.
+    record.AddCouple("c", "3");
+    EXPECT_STREQ(record.ToString(false, false), "1 '1 c '1 3 ");
+}
+
+TEST(AssociativeArrayRecord, MoveConstructorStealsThePairs) {
+    CAssociativeArray source;
+    source.AddCouple("a", "1");
+    source.AddCouple("b", "2");
+    char const* const value = source.GetValueOfParameter("a");
+    char const* const sourceText = source.ToString(false, false);
+    std::string const sourceCopy(sourceText);
+
+    CAssociativeArray moved(_typer_c<zc_move__deprecate>(), &source);
+    EXPECT_EQ(source.entries(), 0u);
+    EXPECT_EQ(moved.entries(), 2u);
+    EXPECT_EQ(moved.GetValueOfParameter("a"), value);  // the very same value object
+    EXPECT_EQ(pairsOf(moved), (Pairs{{"a", "1"}, {"b", "2"}}));
+    EXPECT_EQ(sourceText, sourceCopy);  // the source's cache is untouched
+    // The new record's cache starts empty and is filled by its own writer.
+    EXPECT_EQ(std::string(moved.ToString(false, false)).size(), sourceCopy.size());
+    source.AddCouple("c", "3");  // the emptied source works on its own
+    EXPECT_EQ(pairsOf(source), (Pairs{{"c", "3"}}));
+}
+
+TEST(AssociativeArrayRecord, DecodeIfEscapesTheStoredValueInPlace) {
+    CAssociativeArray record;
+    record.AddCouple("k", "50% \"a\"\\");
+    EXPECT_STREQ(record.GetValueOfParameterAndDecodeIf("k", false).data(), "50% \"a\"\\");
+    RWCString const& escaped = record.GetValueOfParameterAndDecodeIf("k", true);
+    EXPECT_STREQ(escaped.data(), "50%% %22a%22%5c");
+    EXPECT_EQ(&escaped, &record.GetStringValueOfParameter("k"));  // the stored value itself
+    // A second call escapes the escaped text again: every percent sign is doubled once more.
+    EXPECT_STREQ(record.GetValueOfParameterAndDecodeIf("k", true).data(), "50%%%% %%22a%%22%%5c");
+
+    record.AddCouple("ctl", "\n\x7f\xe9\x1f ~\0z", 8);
+    EXPECT_EQ(record.GetValueOfParameterAndDecodeIf("ctl", true).stdString(), "%0a%7f%e9%1f ~%00z");
+    record.AddCouple("empty", "");
+    EXPECT_STREQ(record.GetValueOfParameterAndDecodeIf("empty", true).data(), "");
+}
+
+}  // namespace

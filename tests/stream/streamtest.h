@@ -1,0 +1,199 @@
+// Helpers of the stream tests: a raw POSIX peer, connected pairs, bounded waits and a watchdog.
+#ifndef COLLOQUY_STREAMTEST_H
+#define COLLOQUY_STREAMTEST_H
+
+#include "Log.h"
+#include "nsocket.h"
+#include "streamsocket.h"
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace nStreamTest {
+
+namespace nSock = nCommunication::nSocket;
+
+// Every wait of the tests is bounded by this (a fault shows as a failure, not a hang).
+inline constexpr nTime::cDiff kPatience = nTime::cDiff::fromSeconds(10);
+
+// Options whose waits (accept, receive without latency configuration) end after kPatience.
+inline nSock::cSocketOptions boundedOptions() {
+    nSock::cSocketOptions options;
+    options.receiveTimeout = kPatience;
+    return options;
+}
+
+// The latency configuration of the tests: kPatience for every receive.
+inline nSock::iLatencyConfiguration* patience() {
+    static nSock::cFixedLatencyConfiguration latency(kPatience);
+    return &latency;
+}
+
+using Bytes = std::vector<unsigned char>;
+
+inline Bytes bytesOf(std::string const& text) { return Bytes(text.begin(), text.end()); }
+
+// A descriptor of the raw peer, closed at the end of its scope.
+class RawFd {
+public:
+    explicit RawFd(int fd = -1) : mFd(fd) {}
+    ~RawFd() { reset(); }
+    RawFd(RawFd&& other) noexcept : mFd(other.mFd) { other.mFd = -1; }
+    RawFd& operator=(RawFd&& other) noexcept {
+        std::swap(mFd, other.mFd);
+        return *this;
+    }
+    int get() const { return mFd; }
+    void reset() {
+        if (mFd >= 0) ::close(mFd);
+        mFd = -1;
+    }
+    // Closes with a reset (RST) instead of an orderly end.
+    void abort() {
+        linger l{1, 0};
+        ::setsockopt(mFd, SOL_SOCKET, SO_LINGER, &l, sizeof l);
+        reset();
+    }
+
+private:
+    int mFd;
+};
+
+// A raw IPv4 loopback listener on an ephemeral port.
+inline RawFd rawListen(unsigned short& port) {
+    RawFd fd(::socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (::bind(fd.get(), reinterpret_cast<sockaddr*>(&address), length) != 0 || ::listen(fd.get(), 16) != 0 ||
+        ::getsockname(fd.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0)
+        ADD_FAILURE() << "raw listener";
+    port = ntohs(address.sin_port);
+    return fd;
+}
+
+inline RawFd rawAccept(RawFd const& listener) {
+    pollfd p{listener.get(), POLLIN, 0};
+    if (::poll(&p, 1, static_cast<int>(kPatience.milliseconds())) != 1) ADD_FAILURE() << "raw accept timed out";
+    return RawFd(::accept(listener.get(), nullptr, nullptr));
+}
+
+inline RawFd rawConnect(unsigned short port) {
+    RawFd fd(::socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(port);
+    if (::connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+        ADD_FAILURE() << "raw connect";
+    return fd;
+}
+
+inline void rawSend(RawFd const& fd, Bytes const& bytes) {
+    ASSERT_EQ(::send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+}
+
+// Reads exactly `count` bytes within kPatience; fewer when the peer ends the stream first.
+inline Bytes rawReceive(RawFd const& fd, size_t count) {
+    Bytes out(count);
+    size_t done = 0;
+    while (done < count) {
+        pollfd p{fd.get(), POLLIN, 0};
+        if (::poll(&p, 1, static_cast<int>(kPatience.milliseconds())) != 1) break;
+        ssize_t n = ::recv(fd.get(), out.data() + done, count - done, 0);
+        if (n <= 0) break;
+        done += static_cast<size_t>(n);
+    }
+    out.resize(done);
+    return out;
+}
+
+// True when the raw peer sees the end of the stream (orderly close) within kPatience.
+inline bool rawSeesEnd(RawFd const& fd) {
+    pollfd p{fd.get(), POLLIN, 0};
+    char c;
+    return ::poll(&p, 1, static_cast<int>(kPatience.milliseconds())) == 1 && ::recv(fd.get(), &c, 1, 0) == 0;
+}
+
+// A StreamSocket connected to a raw peer.
+struct RawPeerPair {
+    RawPeerPair() {
+        unsigned short port = 0;
+        RawFd listener = rawListen(port);
+        socket.ConnectLocal(port, boundedOptions());
+        peer = rawAccept(listener);
+    }
+    StreamSocket socket;
+    RawFd peer;
+};
+
+// Two StreamSockets connected through a listener of the library.
+struct StreamPair {
+    StreamPair() {
+        listener.CreateListenerSocket(0);
+        client.ConnectLocal(nSock::gLocalPort(listener.GetHandle()), boundedOptions());
+        server = std::make_unique<StreamSocket>(listener.Accept(boundedOptions()));
+    }
+    StreamSocket listener;
+    StreamSocket client;
+    std::unique_ptr<StreamSocket> server;
+};
+
+// Switches a log tag for one scope and restores it.
+class TagScope {
+public:
+    TagScope(char const* tag, bool on) : mTag(tag), mWas(nLog::gIsEnabled(tag)) { nLog::gEnable(tag, on); }
+    ~TagScope() { nLog::gEnable(mTag, mWas); }
+
+private:
+    char const* mTag;
+    bool mWas;
+};
+
+// Ends the process when a test runs longer than its bound (a hang would otherwise only be
+// caught by the test driver's time-out).
+class Watchdog {
+public:
+    explicit Watchdog(std::chrono::seconds bound)
+        : mThread([this, bound] {
+              std::unique_lock<std::mutex> lock(mMutex);
+              if (!mDone.wait_for(lock, bound, [this] { return mStopped; })) {
+                  std::fprintf(stderr, "watchdog: test exceeded its bound\n");
+                  std::abort();
+              }
+          }) {}
+    ~Watchdog() {
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            mStopped = true;
+        }
+        mDone.notify_one();
+        mThread.join();
+    }
+
+private:
+    std::mutex mMutex;
+    std::condition_variable mDone;
+    bool mStopped = false;
+    std::thread mThread;
+};
+
+}  // namespace nStreamTest
+
+#endif

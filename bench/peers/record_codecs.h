@@ -58,14 +58,15 @@ inline tPairs const& bigPairs() {
 
 // ---- the library ---------------------------------------------------------------------
 
+inline void addAll(CAssociativeArray& record, tPairs const& pairs) {
+    for (auto const& [key, value] : pairs) record.AddCouple(key.c_str(), value.data(), static_cast<int>(value.size()));
+}
+
 class cOurs {
 public:
     static constexpr char const* kName = "ours";
     static std::string version() { return "this build"; }
-    explicit cOurs(tPairs const& pairs) {
-        for (auto const& [key, value] : pairs)
-            mRecord.AddCouple(key.c_str(), value.data(), static_cast<int>(value.size()));
-    }
+    explicit cOurs(tPairs const& pairs) { addAll(mRecord, pairs); }
     size_t write() {
         char const* text = nullptr;
         int length = 0;
@@ -96,8 +97,7 @@ public:
     static constexpr char const* kName = "proposal";
     static std::string version() { return "bench/peers/record_codecs.h"; }
     explicit cProposal(tPairs const& pairs) {
-        for (auto const& [key, value] : pairs)
-            mRecord.AddCouple(key.c_str(), value.data(), static_cast<int>(value.size()));
+        addAll(mRecord, pairs);
         write();
         if (mText != cOurs(pairs).text()) throw std::logic_error("the proposed writer differs from the record's");
     }

@@ -3,6 +3,7 @@
 #define COLLOQUY_TESTS_TAGSCOPE_H
 
 #include "nlog.h"
+#include "tag_scope.h"
 
 #include <gtest/gtest.h>
 
@@ -12,18 +13,7 @@
 
 namespace nTagScope {
 
-// Switches a tag on or off for its lifetime and then restores it.
-class TagScope {
-public:
-    TagScope(char const* tag, bool on) : mTag(tag), mWas(nLog::gIsEnabled(tag)) { nLog::gEnable(tag, on); }
-    ~TagScope() { nLog::gEnable(mTag, mWas); }
-    TagScope(TagScope const&) = delete;
-    TagScope& operator=(TagScope const&) = delete;
-
-private:
-    char const* mTag;
-    bool mWas;
-};
+using ::TagScope;
 
 // A record's tag, line and text.
 struct Line {

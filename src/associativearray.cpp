@@ -4,6 +4,7 @@
 #include "Log.h"
 #include "associativearray_text.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>

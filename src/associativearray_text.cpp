@@ -1,5 +1,5 @@
-// The text form's pieces: numbers, length-prefixed pieces, and the pair insertion that the
-// reader and AddCouple share.
+// The text form's out-of-line pieces: number formatting, the rare paths of the reader, the
+// lookup and the pair insertion that the reader and AddCouple share.
 #include "associativearray_text.h"
 
 #include <algorithm>
@@ -13,15 +13,7 @@
 
 namespace nAssoText {
 
-namespace {
-
-// A number token is at most 18 characters, so the blank ending it is among the first 19.
-constexpr size_t kMaxDigits = 18;
-
-size_t available(cCursor const& cursor, size_t atMost) {
-    if (cursor.end) return std::min(static_cast<size_t>(cursor.end - cursor.pos), atMost);
-    return strnlen(cursor.pos, atMost);
-}
+namespace nDetail {
 
 // strtol of the token (at most kMaxDigits characters); results beyond int are clamped, as
 // strtol does where long has 32 bits.
@@ -40,53 +32,9 @@ long long tokenValue(char const* token, size_t n) {
     return std::max<long long>(INT_MIN, std::min<long long>(INT_MAX, value));
 }
 
-}  // namespace
+}  // namespace nDetail
 
-bool readInt(cCursor& cursor, int& value, std::string_view& error) {
-    error = kSyntaxError;
-    size_t const window = available(cursor, kMaxDigits + 1);
-    char const* const token = cursor.pos;
-    size_t n = 0;
-    while (n < window && token[n] != ' ') ++n;
-    if (n == 0 || n == window) return false;  // empty, or no blank in reach
-    cursor.pos = token + n + 1;
-    long long const number = tokenValue(token, n);
-    // strtol gives 0 for any text without digits: only the token "0" really means zero.
-    if (number == 0 && !(n == 1 && token[0] == '0')) return false;
-    value = static_cast<int>(number);
-    return true;
-}
-
-bool readPiece(cCursor& cursor, std::string_view& piece, std::string_view& error) {
-    if (available(cursor, 1) == 0 || *cursor.pos != '\'') {
-        error = std::string_view(cursor.pos, available(cursor, SIZE_MAX));
-        return false;
-    }
-    ++cursor.pos;
-    int length = 0;
-    if (!readInt(cursor, length, error)) return false;
-    auto const n = static_cast<size_t>(length);
-    if (length < 0 || (cursor.end && n > static_cast<size_t>(cursor.end - cursor.pos))) return false;
-    piece = std::string_view(cursor.pos, n);
-    cursor.pos += n;
-    // The byte after the piece (a blank from the writer) is skipped unread; at the very end
-    // of the input it may be missing.
-    if (!cursor.end || cursor.pos < cursor.end) ++cursor.pos;
-    return true;
-}
-
-int parseInt(cCursor& cursor) {
-    int value = 0;
-    std::string_view error;
-    if (!readInt(cursor, value, error)) throw CIllegalAssoSyntaxException(error);
-    return value;
-}
-
-std::string_view loadPiece(cCursor& cursor) {
-    std::string_view piece, error;
-    if (!readPiece(cursor, piece, error)) throw CIllegalAssoSyntaxException(error);
-    return piece;
-}
+void throwSyntaxError(std::string_view error) { throw CIllegalAssoSyntaxException(error); }
 
 void appendDecimal(std::string& out, long long n) {
     char digits[24];
@@ -106,7 +54,11 @@ size_t prefixSize(size_t length) {
     return digits + 3;
 }
 
-std::string_view upToNul(std::string_view piece) { return piece.substr(0, piece.find('\0')); }
+std::string_view upToNul(std::string_view piece) {
+    size_t n = 0;
+    while (n < piece.size() && piece[n] != '\0') ++n;  // pieces are short: a plain loop beats memchr
+    return piece.substr(0, n);
+}
 
 namespace {
 

@@ -5,7 +5,10 @@
 
 #include "associativearray.h"
 
+#include <algorithm>
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <string>
 #include <string_view>
 
@@ -28,16 +31,17 @@ inline constexpr std::string_view kSyntaxError = "Error";
 // Reads one decimal number of 1 to 18 characters ended by a blank and moves past the blank
 // (also when the number is then refused). On a syntax error it returns false and sets `error`
 // to the text the CIllegalAssoSyntaxException carries ("Error").
-bool readInt(cCursor& cursor, int& value, std::string_view& error);
+inline bool readInt(cCursor& cursor, int& value, std::string_view& error);
 
 // Reads one piece "'<length> <bytes>" and steps over the byte after it, when there is one.
 // The bytes stay in the input. On a syntax error it returns false with `error` set: the rest
 // of the input when the apostrophe is missing, "Error" for a bad, negative or too large length.
-bool readPiece(cCursor& cursor, std::string_view& piece, std::string_view& error);
+inline bool readPiece(cCursor& cursor, std::string_view& piece, std::string_view& error);
 
 // The same, throwing CIllegalAssoSyntaxException(error) on a syntax error.
-int parseInt(cCursor& cursor);
-std::string_view loadPiece(cCursor& cursor);
+inline int parseInt(cCursor& cursor);
+inline std::string_view loadPiece(cCursor& cursor);
+[[noreturn]] void throwSyntaxError(std::string_view error);
 
 // Appends `n` in decimal; appends the length prefix " '<n> " of a piece.
 void appendDecimal(std::string& out, long long n);
@@ -54,6 +58,79 @@ RWCollectableString* storedValue(CAssociativeArray const& record, std::string_vi
 // Adds the pair, or replaces the value of an existing key (destroying the old value). The
 // lookup makes no allocation; only the new objects are allocated.
 void addPair(CAssociativeArray& record, std::string_view key, std::string_view value);
+
+// ---- inline definitions: the reader's inner loop ----
+
+namespace nDetail {
+// A number token is at most 18 characters, so the blank ending it is among the first 19.
+constexpr size_t kMaxDigits = 18;
+
+inline size_t available(cCursor const& cursor, size_t atMost) {
+    if (cursor.end) return std::min(static_cast<size_t>(cursor.end - cursor.pos), atMost);
+    return strnlen(cursor.pos, atMost);
+}
+
+// strtol of a token of at most kMaxDigits characters, clamped to int.
+long long tokenValue(char const* token, size_t n);
+}  // namespace nDetail
+
+inline bool readInt(cCursor& cursor, int& value, std::string_view& error) {
+    error = kSyntaxError;
+    size_t const window = nDetail::available(cursor, nDetail::kMaxDigits + 1);
+    // The writer's numbers: up to 9 digits and a blank, read in one pass.
+    if (window > 1 && cursor.pos[0] >= '1' && cursor.pos[0] <= '9') {
+        int number = 0;
+        size_t i = 0;
+        for (; i < window && i < 9 && cursor.pos[i] >= '0' && cursor.pos[i] <= '9'; ++i)
+            number = number * 10 + (cursor.pos[i] - '0');
+        if (i < window && cursor.pos[i] == ' ') {
+            cursor.pos += i + 1;
+            value = number;
+            return true;
+        }
+    }
+    char const* const token = cursor.pos;
+    size_t n = 0;
+    while (n < window && token[n] != ' ') ++n;
+    if (n == 0 || n == window) return false;  // empty, or no blank in reach
+    cursor.pos = token + n + 1;
+    long long const number = nDetail::tokenValue(token, n);
+    // strtol gives 0 for any text without digits: only the token "0" really means zero.
+    if (number == 0 && !(n == 1 && token[0] == '0')) return false;
+    value = static_cast<int>(number);
+    return true;
+}
+
+inline bool readPiece(cCursor& cursor, std::string_view& piece, std::string_view& error) {
+    if (nDetail::available(cursor, 1) == 0 || *cursor.pos != '\'') {
+        error = std::string_view(cursor.pos, nDetail::available(cursor, SIZE_MAX));
+        return false;
+    }
+    ++cursor.pos;
+    int length = 0;
+    if (!readInt(cursor, length, error)) return false;
+    auto const n = static_cast<size_t>(length);
+    if (length < 0 || (cursor.end && n > static_cast<size_t>(cursor.end - cursor.pos))) return false;
+    piece = std::string_view(cursor.pos, n);
+    cursor.pos += n;
+    // The byte after the piece (a blank from the writer) is skipped unread; at the very end
+    // of the input it may be missing.
+    if (!cursor.end || cursor.pos < cursor.end) ++cursor.pos;
+    return true;
+}
+
+inline int parseInt(cCursor& cursor) {
+    int value = 0;
+    std::string_view error;
+    if (!readInt(cursor, value, error)) throwSyntaxError(error);
+    return value;
+}
+
+inline std::string_view loadPiece(cCursor& cursor) {
+    std::string_view piece, error;
+    if (!readPiece(cursor, piece, error)) throwSyntaxError(error);
+    return piece;
+}
 
 }  // namespace nAssoText
 

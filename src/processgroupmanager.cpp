@@ -3,6 +3,7 @@
 #include "Log.h"
 #include "qrprocess.h"
 
+#include <iterator>
 #include <memory>
 
 namespace {
@@ -27,24 +28,25 @@ ProcessInfo::~ProcessInfo() = default;
 // ---- gKillProcess ----
 
 bool gKillProcess(ProcessInfo& info) {
-    // The "%d" of each text is written as it stands, with the pid after it.
-    switch (gQRPKillProcess(info.pid)) {
-        case 0:
-            COLLOQUY_LOG_AT(nLog::nBasic::sExecutionTag_, kModule, 54, "gKillProcess(%d) killed", info.pid);
-            return true;
-        case 1:
-            COLLOQUY_LOG_AT(nLog::nBasic::sExecutionTag_, kModule, 50, "gKillProcess(%d) already terminated", info.pid);
-            return false;
-        case 2:
-            COLLOQUY_LOG_AT(nLog::nBasic::sExecutionTag_, kModule, 62, "gKillProcess(%d) error cannot find", info.pid);
-            return false;
-        case 3:
-            COLLOQUY_LOG_AT(nLog::nBasic::sExecutionTag_, kModule, 58, "gKillProcess(%d) error cannot kill", info.pid);
-            return false;
-        default:
-            COLLOQUY_LOG_AT(nLog::nBasic::sExecutionTag_, kModule, 66, "gKillProcess(%d) unknown error", info.pid);
-            return false;
-    }
+    // What each result of gQRPKillProcess means: the Execution text (its "%d" written as it
+    // stands, the pid after it), the source line, and whether it counts as killed.
+    struct cOutcome {
+        char const* text;
+        int line;
+        bool killed;
+    };
+    static constexpr cOutcome kOutcomes[] = {
+        {"gKillProcess(%d) killed", 54, true},
+        {"gKillProcess(%d) already terminated", 50, false},  // deliberately a failure
+        {"gKillProcess(%d) error cannot find", 62, false},
+        {"gKillProcess(%d) error cannot kill", 58, false},
+    };
+    static constexpr cOutcome kUnknown = {"gKillProcess(%d) unknown error", 66, false};
+    int const code = gQRPKillProcess(info.pid);
+    bool const known = code >= 0 && code < static_cast<int>(std::size(kOutcomes));
+    cOutcome const& outcome = known ? kOutcomes[code] : kUnknown;
+    COLLOQUY_LOG_AT(nLog::nBasic::sExecutionTag_, kModule, outcome.line, outcome.text, info.pid);
+    return outcome.killed;
 }
 
 // ---- ProcessGroup ----

@@ -65,8 +65,15 @@ protected:
     // Stores a new entry (the caller has checked for duplicates where it must) and returns its slot.
     cSlot& addSlot(RWCollectable* key, RWCollectable* value, unsigned hash);
     void removeSlot(size_t i);
+    // The hash is mixed before its top bits pick the slot, so that hashes which are already
+    // multiples of some constant (or small sequential numbers) still spread over the table.
     size_t home(unsigned hash) const {
-        return static_cast<size_t>((static_cast<uint32_t>(hash) * 0x9E3779B1u) >> mShift);
+        uint32_t h = static_cast<uint32_t>(hash);
+        h ^= h >> 16;
+        h *= 0x85EBCA6Bu;
+        h ^= h >> 13;
+        h *= 0xC2B2AE35u;
+        return static_cast<size_t>(h >> mShift);
     }
 
     std::unique_ptr<cSlot[]> mSlots;

@@ -3,6 +3,7 @@
 #ifndef ASSOC_TEST_UTIL_H
 #define ASSOC_TEST_UTIL_H
 
+#include "tag_scope.h"
 #include "Log.h"
 #include "associativearray.h"
 
@@ -25,17 +26,7 @@ inline Pairs pairsOf(CAssociativeArray& record) {
     return pairs;
 }
 
-class TagScope {
-public:
-    TagScope(char const* tag, bool on) : mTag(tag), mWas(nLog::gIsEnabled(tag)) { nLog::gEnable(tag, on); }
-    ~TagScope() { nLog::gEnable(mTag, mWas); }
-    TagScope(TagScope const&) = delete;
-    TagScope& operator=(TagScope const&) = delete;
-
-private:
-    char const* mTag;
-    bool mWas;
-};
+using ::TagScope;
 
 inline std::string bytes(char const* text, size_t n) { return std::string(text, n); }
 

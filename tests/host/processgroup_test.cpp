@@ -4,6 +4,7 @@
 
 #include "children.h"
 #include "nlog.h"
+#include "tagscope.h"
 
 #include <gtest/gtest.h>
 
@@ -14,34 +15,10 @@ namespace {
 
 using namespace nChildren;
 
-class TagScope {  // switches a tag for one test and restores it
-public:
-    TagScope(char const* tag, bool on) : mTag(tag), mWas(nLog::gIsEnabled(tag)) { nLog::gEnable(tag, on); }
-    ~TagScope() { nLog::gEnable(mTag, mWas); }
+using nTagScope::Line;
+using nTagScope::TagScope;
 
-private:
-    char const* mTag;
-    bool mWas;
-};
-
-struct Line {  // what a record says, in short
-    std::string tag;
-    int line;
-    std::string text;
-    bool operator==(Line const& o) const { return tag == o.tag && line == o.line && text == o.text; }
-};
-
-std::ostream& operator<<(std::ostream& out, Line const& l) { return out << l.tag << ':' << l.line << ':' << l.text; }
-
-std::vector<Line> gLines(nLog::cCapture const& capture) {
-    std::vector<Line> lines;
-    for (nLog::cRecord const& r : capture.records()) {
-        EXPECT_EQ(r.module, "ColloquyUtil");
-        EXPECT_EQ(r.file, "../src/processgroupmanager");
-        lines.push_back({r.tag, r.line, r.text});
-    }
-    return lines;
-}
+std::vector<Line> gLines(nLog::cCapture const& capture) { return nTagScope::gLines(capture, "processgroupmanager"); }
 
 std::string gText(char const* literal, int pid) { return std::string(literal) + "\t" + std::to_string(pid); }
 

@@ -1,0 +1,245 @@
+// The stream transport workloads shared by the benchmark programs, with the framing and the
+// copies described in streamsocket_bench.cpp: a raw POSIX baseline and the library's
+// StreamSocket behind one small interface (send, receive, release, hangUp), the one-way and
+// round-trip loops, and the counters of CPU time and system calls per message.
+// Include it in exactly one source file per program: it defines the counting recv, send
+// and poll of that program.
+#ifndef COLLOQUY_BENCH_STREAM_WORKLOAD_H
+#define COLLOQUY_BENCH_STREAM_WORKLOAD_H
+
+#include "streamsocket.h"
+
+#include <benchmark/benchmark.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+#include <thread>
+
+namespace benchstream {
+inline thread_local long tSystemCalls = 0;
+}
+
+// The counting versions of the calls that move bytes (the libraries resolve them here first).
+extern "C" __attribute__((visibility("default"))) ssize_t recv(int fd, void* buffer, size_t size, int flags) {
+    ++benchstream::tSystemCalls;
+    return syscall(SYS_recvfrom, fd, buffer, size, flags, nullptr, nullptr);
+}
+extern "C" __attribute__((visibility("default"))) ssize_t send(int fd, void const* buffer, size_t size, int flags) {
+    ++benchstream::tSystemCalls;
+    return syscall(SYS_sendto, fd, buffer, size, flags, nullptr, 0);
+}
+extern "C" __attribute__((visibility("default"))) int poll(pollfd* fds, nfds_t count, int timeout) {
+    ++benchstream::tSystemCalls;
+    return static_cast<int>(syscall(SYS_poll, fds, count, timeout));
+}
+
+namespace benchstream {
+
+namespace nSock = nCommunication::nSocket;
+
+constexpr short kType = 3;
+constexpr short kSubType = 4;
+
+// ---- the baseline ----------------------------------------------------------------------
+
+struct RawConnection {
+    int fd = -1;
+    ~RawConnection() {
+        if (fd >= 0) ::close(fd);
+    }
+    void hangUp() {
+        ::shutdown(fd, SHUT_RDWR);
+        ::close(fd);
+        fd = -1;
+    }
+
+    bool send(char const* data, int length) {
+        c_MessageHeader header;
+        SSMMakeMessageHeader(length, kType, kSubType, &header);
+        std::unique_ptr<char[]> buffer(new char[length + sizeof header]);
+        std::memcpy(buffer.get(), &header, sizeof header);
+        std::memcpy(buffer.get() + sizeof header, data, static_cast<size_t>(length));
+        size_t left = length + sizeof header;
+        for (char const* p = buffer.get(); left > 0;) {
+            ssize_t n = ::send(fd, p, left, MSG_NOSIGNAL);
+            if (n <= 0) return false;
+            p += n;
+            left -= static_cast<size_t>(n);
+        }
+        return true;
+    }
+    bool receiveExact(char* into, size_t count) {
+        while (count > 0) {
+            ssize_t n = ::recv(fd, into, count, MSG_WAITALL);
+            if (n <= 0) return false;
+            into += n;
+            count -= static_cast<size_t>(n);
+        }
+        return true;
+    }
+    // One message: the header, then its body into a fresh buffer.
+    bool receive(char*& body, int& length) {
+        c_MessageHeader header;
+        if (!receiveExact(reinterpret_cast<char*>(&header), sizeof header)) return false;
+        length = static_cast<int32_t>(ntohl(static_cast<uint32_t>(header.bodyLength)));
+        body = new char[length];
+        if (receiveExact(body, static_cast<size_t>(length))) return true;
+        delete[] body;
+        return false;
+    }
+    void release(char* body) { delete[] body; }
+};
+
+inline void noDelay(int fd) {
+    int on = 1;
+    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+}
+
+// Two connected raw sockets over IPv4 loopback.
+inline void rawPair(RawConnection& a, RawConnection& b) {
+    int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (::bind(listener, reinterpret_cast<sockaddr*>(&address), length) != 0 || ::listen(listener, 1) != 0 ||
+        ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+        throw std::runtime_error("raw listener");
+    a.fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    if (::connect(a.fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+        throw std::runtime_error("raw connect");
+    b.fd = ::accept(listener, nullptr, nullptr);
+    ::close(listener);
+    noDelay(a.fd);
+    noDelay(b.fd);
+}
+
+// ---- the library -----------------------------------------------------------------------
+
+struct LibraryConnection {
+    std::unique_ptr<StreamSocket> socket;
+    void hangUp() { socket->CloseSocket(); }
+    bool send(char const* data, int length) { return socket->SendTypedMessageZ2(kType, kSubType, data, length); }
+    bool receive(char*& body, int& length) {
+        short type, subType;
+        return socket->WaitTypedMessageZ1(type, subType, body, length, nullptr);
+    }
+    void release(char* body) { StreamSocket::FreeMessage(body); }
+};
+
+inline void libraryPair(LibraryConnection& a, LibraryConnection& b) {
+    StreamSocket listener;
+    listener.CreateListenerSocket(0);
+    a.socket = std::make_unique<StreamSocket>();
+    a.socket->Connect("127.0.0.1", nSock::gLocalPort(listener.GetHandle()), nSock::cSocketOptions());
+    b.socket = std::make_unique<StreamSocket>(listener.Accept(nSock::cSocketOptions()));
+}
+
+inline void makePair(RawConnection& a, RawConnection& b) { rawPair(a, b); }
+inline void makePair(LibraryConnection& a, LibraryConnection& b) { libraryPair(a, b); }
+
+// ---- the measurements ------------------------------------------------------------------
+
+// CPU time (user + system) of the calling thread, or of the whole program, in microseconds.
+inline double cpuMicroseconds(int who) {
+    rusage usage{};
+    ::getrusage(who, &usage);
+    auto us = [](timeval t) { return t.tv_sec * 1e6 + t.tv_usec; };
+    return us(usage.ru_utime) + us(usage.ru_stime);
+}
+
+// CPU time and system calls of the benchmark thread between construction and report(), and
+// the CPU time of the whole program (both ends and any thread a library runs: cpu_us).
+class ThreadCost {
+public:
+    ThreadCost() : mCpu(cpuMicroseconds(RUSAGE_THREAD)), mProgramCpu(cpuMicroseconds(RUSAGE_SELF)), mCalls(tSystemCalls) {}
+    void report(benchmark::State& state, int64_t messages) {
+        double const n = static_cast<double>(messages > 0 ? messages : 1);
+        state.counters["rx_cpu_us"] = (cpuMicroseconds(RUSAGE_THREAD) - mCpu) / n;
+        state.counters["rx_syscalls"] = static_cast<double>(tSystemCalls - mCalls) / n;
+        state.counters["cpu_us"] = (cpuMicroseconds(RUSAGE_SELF) - mProgramCpu) / n;
+    }
+
+private:
+    double mCpu;
+    double mProgramCpu;
+    long mCalls;
+};
+
+// Receives one message and releases its body; false when that failed or the size differs.
+template <class Connection>
+bool receiveOne(Connection& connection, int size) {
+    char* body = nullptr;
+    int length = 0;
+    if (!connection.receive(body, length)) return false;
+    connection.release(body);
+    return length == size;
+}
+
+// Ends a measurement: reports the benchmark thread's cost, hangs up so that the other
+// thread's next transfer fails, and waits for that thread.
+template <class Connection>
+void finish(benchmark::State& state, ThreadCost& cost, Connection& mine, std::thread& other) {
+    cost.report(state, state.iterations());
+    mine.hangUp();
+    other.join();
+    state.SetItemsProcessed(state.iterations());
+}
+
+template <class Connection>
+void OneWay(benchmark::State& state) {
+    int const size = static_cast<int>(state.range(0));
+    Connection sender, receiver;
+    makePair(sender, receiver);
+    std::thread feeder([&] {
+        std::unique_ptr<char[]> body(new char[size]());
+        while (sender.send(body.get(), size)) {
+        }
+    });
+    ThreadCost cost;
+    for (auto _ : state)
+        if (!receiveOne(receiver, size)) {
+            state.SkipWithError("receive failed");
+            break;
+        }
+    finish(state, cost, receiver, feeder);
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(size));
+}
+
+template <class Connection>
+void PingPong(benchmark::State& state) {
+    int const size = static_cast<int>(state.range(0));
+    Connection near, far;
+    makePair(near, far);
+    std::thread echo([&] {
+        char* body = nullptr;
+        int length = 0;
+        while (far.receive(body, length)) {
+            bool const sent = far.send(body, length);
+            far.release(body);
+            if (!sent) break;
+        }
+    });
+    std::unique_ptr<char[]> message(new char[size]());
+    ThreadCost cost;
+    for (auto _ : state)
+        if (!near.send(message.get(), size) || !receiveOne(near, size)) {
+            state.SkipWithError("round trip failed");
+            break;
+        }
+    finish(state, cost, near, echo);
+}
+
+}  // namespace benchstream
+
+#endif

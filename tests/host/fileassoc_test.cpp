@@ -1,0 +1,92 @@
+// The file association archive: every file stored with the empty destination, replacement,
+// the default directories, and the one shared iterator that every call restarts.
+#include "filesassociationarchive.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <stdexcept>
+#include <string>
+
+namespace {
+
+// Reads the process-wide default directory, which the archive offers no getter for.
+struct ArchiveProbe : FilesAssociationArchive {
+    static std::string const& globalDirectory() { return mGlobalDefualtDestinationDirectory; }
+};
+
+std::map<std::string, std::string> gWalk(RWHashDictionaryIterator& next) {
+    std::map<std::string, std::string> pairs;
+    while (RWCollectable* key = next()) {
+        auto const* k = static_cast<RWCollectableString const*>(key);
+        auto const* v = static_cast<RWCollectableString const*>(next.value());
+        pairs[k->stdString()] = v->stdString();
+    }
+    return pairs;
+}
+
+TEST(FileAssociations, EveryFileIsStoredWithTheEmptyDestination) {
+    FilesAssociationArchive archive;
+    archive.AddFileAssociation("a.txt", "/tmp/out");
+    EXPECT_STREQ(archive.GetFileAssociate("a.txt"), "");
+    archive.AddFileAssociation("b.txt", nullptr);
+    archive.AddFileAssociation("c.txt", "");
+    EXPECT_STREQ(archive.GetFileAssociate("b.txt"), "");
+    EXPECT_STREQ(archive.GetFileAssociate("c.txt"), "");
+    archive.AddFileAssociation("a.txt", "/elsewhere");
+    EXPECT_EQ(archive.entries(), 3u);  // replaced, not added
+
+    EXPECT_EQ(archive.BuildDefDestPath("a.txt", true), "");
+    archive.SetDefualtDestinationDirectory("/dest");
+    FilesAssociationArchive::SetDefualtGlobalDestinationDirectory("/global");
+    EXPECT_EQ(archive.BuildDefDestPath("a.txt", false), "");  // neither default is consulted
+    archive.AddFileAssociation("d.txt", nullptr);
+    EXPECT_STREQ(archive.GetFileAssociate("d.txt"), "");
+    FilesAssociationArchive::SetDefualtGlobalDestinationDirectory("");
+}
+
+TEST(FileAssociations, UnknownFileThrows) {
+    FilesAssociationArchive archive;
+    archive.AddFileAssociation("known", nullptr);
+    EXPECT_THROW(archive.GetFileAssociate("unknown"), CAssoKeyDoesNotExistException);
+}
+
+TEST(FileAssociations, DefaultDirectories) {
+    EXPECT_EQ(ArchiveProbe::globalDirectory(), "");  // constructed empty at load
+    FilesAssociationArchive archive;
+    EXPECT_STREQ(archive.GetDefualtDestinationDirectory(), "");
+    archive.SetDefualtDestinationDirectory("/var/spool/out");
+    EXPECT_STREQ(archive.GetDefualtDestinationDirectory(), "/var/spool/out");
+    FilesAssociationArchive other;
+    EXPECT_STREQ(other.GetDefualtDestinationDirectory(), "");  // per table
+
+    FilesAssociationArchive::SetDefualtGlobalDestinationDirectory("/shared");
+    EXPECT_EQ(ArchiveProbe::globalDirectory(), "/shared");
+    FilesAssociationArchive::SetDefualtGlobalDestinationDirectory("");
+
+    EXPECT_THROW(archive.SetDefualtDestinationDirectory(nullptr), std::invalid_argument);
+    EXPECT_THROW(FilesAssociationArchive::SetDefualtGlobalDestinationDirectory(nullptr), std::invalid_argument);
+    EXPECT_STREQ(archive.GetDefualtDestinationDirectory(), "/var/spool/out");
+}
+
+TEST(FileAssociations, OneSharedIteratorThatEachCallRestarts) {
+    FilesAssociationArchive archive;
+    std::map<std::string, std::string> const expected = {{"a", ""}, {"b", ""}, {"c", ""}};
+    for (auto const& pair : expected) archive.AddFileAssociation(pair.first.c_str(), "/d");
+
+    RWHashDictionaryIterator* const first = archive.GetIterator();
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(gWalk(*first), expected);
+    EXPECT_EQ((*first)(), nullptr);  // exhausted
+
+    // A second call restarts the same object; so does a call in the middle of a walk.
+    EXPECT_EQ(archive.GetIterator(), first);
+    ASSERT_NE((*first)(), nullptr);
+    EXPECT_EQ(archive.GetIterator(), first);
+    EXPECT_EQ(gWalk(*first), expected);
+
+    FilesAssociationArchive empty;
+    EXPECT_EQ((*empty.GetIterator())(), nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,43 @@
+// Test helpers for log records: switching a tag for one test, and records in short form.
+#ifndef COLLOQUY_TESTS_TAGSCOPE_H
+#define COLLOQUY_TESTS_TAGSCOPE_H
+
+#include "nlog.h"
+#include "tag_scope.h"
+
+#include <gtest/gtest.h>
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace nTagScope {
+
+using ::TagScope;
+
+// A record's tag, line and text.
+struct Line {
+    std::string tag;
+    int line;
+    std::string text;
+    bool operator==(Line const& o) const { return tag == o.tag && line == o.line && text == o.text; }
+};
+
+inline std::ostream& operator<<(std::ostream& out, Line const& l) {
+    return out << l.tag << ':' << l.line << ':' << l.text;
+}
+
+// The captured records in short form; each must come from the library's source `module`.
+inline std::vector<Line> gLines(nLog::cCapture const& capture, std::string const& module) {
+    std::vector<Line> lines;
+    for (nLog::cRecord const& r : capture.records()) {
+        EXPECT_EQ(r.module, "ColloquyUtil");
+        EXPECT_EQ(r.file, "../src/" + module);
+        lines.push_back({r.tag, r.line, r.text});
+    }
+    return lines;
+}
+
+}  // namespace nTagScope
+
+#endif

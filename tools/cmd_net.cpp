@@ -14,6 +14,7 @@
 #include <cstring>
 #include <memory>
 #include <thread>
+#include <unistd.h>
 
 namespace colloquy {
 
@@ -178,7 +179,9 @@ int cmdDemo(Words const& words) {
     // 6. Unpacked: the message takes over the received buffer.
     cColloquyMessage* incoming = ZEPTmo2Cqm(new cTypedMessageObject(type, subType, body, static_cast<unsigned>(length)));
     std::unique_ptr<cColloquyMessage, void (*)(cColloquyMessage*)> owner(incoming, ZEPDeleteMsg);
-    say(std::string("6. unpacked: ") + incoming->printOnString());
+    std::string printed = incoming->printOnString();
+    if (!printed.empty() && printed.back() == '\n') printed.pop_back();
+    say("6. unpacked: " + printed);
 
     // 7. Read back into a record.
     Pairs const arrived = readTextForm(std::string_view(incoming->body, incoming->bodyLen));
@@ -228,11 +231,13 @@ int cmdBench(Words const& words) {
     using Clock = std::chrono::steady_clock;
     StreamSocket client;
     client.ConnectLocal(port, nSock::cSocketOptions());
+    bool const showProgress = ::isatty(STDERR_FILENO) != 0;
     auto progress = [&](char const* what, long long done) {
-        if (count >= 10 && done % (count / 10) == 0) std::fprintf(stderr, "\r%s %lld/%lld", what, done, count);
+        if (showProgress && count >= 10 && done % (count / 10) == 0)
+            std::fprintf(stderr, "\r%s %lld/%lld   ", what, done, count);
     };
-    // One-way throughput: the clock stops when the last message is echoed in the next phase's
-    // first round trip, so time spent in the receiver's buffers is counted.
+    // One-way throughput: the clock stops when the reply to the first round trip arrives; the
+    // peer sends it only after it has received every one-way message.
     auto const start = Clock::now();
     for (long long i = 0; i < count; ++i) {
         if (!client.SendTypedMessageZ2(1, 0, payload.data(), static_cast<int>(size))) throw Failure("send failed");
@@ -251,11 +256,11 @@ int cmdBench(Words const& words) {
             throw Failure("round trip failed");
         if (length > 0) StreamSocket::FreeMessage(body);
         auto const t1 = Clock::now();
-        if (i == 0) oneWaySeconds = std::chrono::duration<double>(t0 - start).count();
+        if (i == 0) oneWaySeconds = std::chrono::duration<double>(t1 - start).count();
         latencies.push_back(std::chrono::duration<double, std::micro>(t1 - t0).count());
         progress("round trips", i + 1);
     }
-    std::fprintf(stderr, "\n");
+    if (showProgress) std::fprintf(stderr, "\n");
     server.join();
     if (!serverOk) throw Failure("the loopback peer failed");
 

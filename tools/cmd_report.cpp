@@ -3,19 +3,68 @@
 #include "commands.h"
 #include "supportinformationgenerator.h"
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
 #include <fstream>
+#include <unistd.h>
 
 namespace colloquy {
 
+namespace {
+
+// Gathering writes its temporary files into the working directory (and leaves them there when
+// a command fails), so the tool gathers inside a scratch directory and removes it afterwards.
+class ScratchDirectory {
+public:
+    ScratchDirectory() {
+        char pattern[] = "/tmp/colloquy-report-XXXXXX";
+        if (!::mkdtemp(pattern)) throw Failure(std::string("cannot make a scratch directory: ") + std::strerror(errno));
+        mPath = pattern;
+        mHome = ::open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (mHome < 0 || ::chdir(mPath.c_str()) != 0) {
+            ::rmdir(mPath.c_str());
+            throw Failure("cannot enter the scratch directory " + mPath);
+        }
+    }
+    ~ScratchDirectory() {
+        if (mHome >= 0) {
+            [[maybe_unused]] int back = ::fchdir(mHome);
+            ::close(mHome);
+        }
+        if (DIR* dir = ::opendir(mPath.c_str())) {
+            while (dirent* entry = ::readdir(dir))
+                if (std::strcmp(entry->d_name, ".") && std::strcmp(entry->d_name, ".."))
+                    std::remove((mPath + "/" + entry->d_name).c_str());
+            ::closedir(dir);
+        }
+        ::rmdir(mPath.c_str());
+    }
+    ScratchDirectory(ScratchDirectory const&) = delete;
+    ScratchDirectory& operator=(ScratchDirectory const&) = delete;
+
+private:
+    std::string mPath;
+    int mHome = -1;
+};
+
+}  // namespace
+
 int cmdReport(Words const& words) {
     Args const args(words, {"--output"}, {});
-    if (!args.positional().empty()) throw UsageError("report takes no arguments besides -o FILE");
+    if (!args.positional().empty()) throw UsageError("report takes no arguments besides --output FILE");
     std::string const path = args.option("--output").value_or("colloquy-report.txt");
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);  // opened here, before moving away
+    if (!out) throw Failure("cannot create " + path + ": " + std::strerror(errno));
+
     CAssociativeArray db(32);
     CSupportInformationGenerator generator;
-    generator.CreateInformationDB(db);
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    if (!out) throw Failure("cannot create " + path);
+    {
+        ScratchDirectory scratch;
+        generator.CreateInformationDB(db);
+    }
     if (!generator.GenerateReportFile(out, db)) throw Failure("the report has no host name");
     out.close();
     if (!out) throw Failure("cannot write " + path);

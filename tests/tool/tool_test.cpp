@@ -3,7 +3,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -56,7 +61,7 @@ TEST(Tool, PackThenUnpack) {
     ProcessResult const shown = tool({"unpack"}, packed.out);
     ASSERT_EQ(shown.status, 0) << shown.err;
     EXPECT_EQ(shown.out,
-              "to: svc@hostB\nfrom: agent@hostA\nqtype: 3\nuser value: 7\nformat: 352\nbody: 13 bytes\n"
+              "to: svc@hostB\nfrom: agent@hostA\nqtype: 3\nuser value: 7\nformat: 352\nbody: 12 bytes\n"
               "pairs: 1\n  k\tv\n");
     ProcessResult const json = tool({"unpack", "--json"}, packed.out);
     EXPECT_NE(json.out.find("\"pairs\":{\"k\":\"v\"}"), std::string::npos) << json.out;
@@ -106,6 +111,21 @@ TEST(Tool, BenchReportsThroughputAndLatency) {
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.out.find("messages/s"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("p99"), std::string::npos) << r.out;
+}
+
+TEST(Tool, ReportIsWrittenWithoutLeavingScratchFiles) {
+    char dir[] = "/tmp/colloquy_tool_XXXXXX";
+    ASSERT_NE(::mkdtemp(dir), nullptr);
+    std::string const path = std::string(dir) + "/report.txt";
+    ProcessResult const r = tool({"report", "--output", path});
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::ifstream in(path);
+    std::string const report((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(report.find("\n" + std::string(79, '=') + "\nComplete Report For Host: "), 0u) << report;
+    EXPECT_NE(report.find("Vantage.ini File: "), std::string::npos);
+    std::remove(path.c_str());
+    EXPECT_EQ(::rmdir(dir), 0) << "the report left files beside its output";
+    expectOneLineFailure(tool({"report", "--output", "/nonexistent-dir/report.txt"}), 1);
 }
 
 TEST(Tool, BadInputGetsOneLineAndNonZeroStatus) {

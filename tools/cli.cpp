@@ -101,15 +101,40 @@ std::string unescapeBytes(std::string_view text) {
     return out;
 }
 
+namespace {
+// Length of the well-formed UTF-8 sequence of two to four bytes at the start of `s`, or 0.
+size_t utf8SequenceAt(std::string_view s) {
+    auto const b = [&](size_t i) { return static_cast<unsigned char>(s[i]); };
+    auto const cont = [&](size_t i) { return i < s.size() && (b(i) & 0xC0) == 0x80; };
+    unsigned char const c = b(0);
+    if (c >= 0xC2 && c <= 0xDF) return cont(1) ? 2 : 0;
+    if (c >= 0xE0 && c <= 0xEF) {
+        if (!cont(1) || !cont(2)) return 0;
+        if ((c == 0xE0 && b(1) < 0xA0) || (c == 0xED && b(1) >= 0xA0)) return 0;  // overlong, surrogate
+        return 3;
+    }
+    if (c >= 0xF0 && c <= 0xF4) {
+        if (!cont(1) || !cont(2) || !cont(3)) return 0;
+        if ((c == 0xF0 && b(1) < 0x90) || (c == 0xF4 && b(1) >= 0x90)) return 0;  // overlong, too high
+        return 4;
+    }
+    return 0;
+}
+}  // namespace
+
 std::string jsonString(std::string_view bytes) {
     static char const kHex[] = "0123456789abcdef";
     std::string out = "\"";
-    for (unsigned char c : bytes) {
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        auto const c = static_cast<unsigned char>(bytes[i]);
         if (c == '"' || c == '\\') {
             out.push_back('\\');
             out.push_back(static_cast<char>(c));
         } else if (c >= 0x20 && c < 0x7F) {
             out.push_back(static_cast<char>(c));
+        } else if (size_t const n = c >= 0x80 ? utf8SequenceAt(bytes.substr(i)) : 0) {
+            out.append(bytes.substr(i, n));  // well-formed UTF-8 stays as it is
+            i += n - 1;
         } else {
             out += "\\u00";
             out.push_back(kHex[c >> 4]);

@@ -47,7 +47,8 @@ long long parseNumber(std::string const& text, long long min, long long max, std
 std::string escapeBytes(std::string_view bytes);
 // The reverse: \xNN (two hex digits) and \\ are decoded; any other backslash is an error.
 std::string unescapeBytes(std::string_view text);
-// A JSON string literal; bytes outside printable ASCII are written as \u00NN (one per byte).
+// A JSON string literal: well-formed UTF-8 is kept, any other byte outside printable ASCII is
+// written as \u00NN (one per byte).
 std::string jsonString(std::string_view bytes);
 
 // One key=value pair (the key ends at the first '='), escapes decoded.

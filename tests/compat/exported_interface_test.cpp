@@ -59,6 +59,10 @@ std::set<std::string> exportedNames() {
         // "<address> <kind> <demangled name>"
         auto const kind = line.find(' ');
         if (kind == std::string::npos || line.size() < kind + 3) throw std::runtime_error("odd nm line: " + line);
+        // Kind 'u' is the one shared copy of an entity defined in a header (an inline constant
+        // the compiler needed the address of, a static of an inline function): hosts take it
+        // from the header, and whether it appears depends on the optimisation level.
+        if (line[kind + 1] == 'u') continue;
         std::string const name = line.substr(kind + 3);
         if (!isToolchainNoise(name)) names.insert(normalised(name));
     }

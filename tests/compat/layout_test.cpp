@@ -12,7 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
-#include <iterator>
+#include <type_traits>
 #include <string>
 #include <vector>
 
@@ -66,6 +66,21 @@ void expectInOrder(char const* what, std::size_t after, std::vector<Member> cons
         previous = member.offset;
         previousName = member.name;
     }
+}
+
+// A member's offset in the class and in its mirror, which lays out the documented members.
+struct Mirrored {
+    char const* name;
+    std::ptrdiff_t offset;
+    std::size_t mirrorOffset;
+};
+
+#define COMPAT_MIRRORED(object, Mirror, name) \
+    Mirrored { #name, offsetIn(object, &std::remove_const_t<decltype(object)>::name), offsetof(Mirror, name) }
+
+void expectMirrored(char const* what, std::vector<Mirrored> const& members) {
+    for (Mirrored const& member : members)
+        EXPECT_EQ(member.offset, std::ptrdiff_t(member.mirrorOffset)) << what << "::" << member.name;
 }
 
 TEST(Layout, MessageHeaderIsTheEightWireBytes) {
@@ -123,33 +138,20 @@ TEST(Layout, MessageMatchesTheDocumentedRecord) {
     cColloquyMessage const message;
     EXPECT_EQ(sizeof(cColloquyMessage), sizeof(MessageMirror));
     EXPECT_EQ(sizeof(QType), sizeof(int));
-    std::vector<std::pair<char const*, std::ptrdiff_t>> const actual = {
-        {"userValue", offsetIn(message, &cColloquyMessage::userValue)},
-        {"formatStamp", offsetIn(message, &cColloquyMessage::formatStamp)},
-        {"toHost", offsetIn(message, &cColloquyMessage::toHost)},
-        {"toName", offsetIn(message, &cColloquyMessage::toName)},
-        {"fromHost", offsetIn(message, &cColloquyMessage::fromHost)},
-        {"fromName", offsetIn(message, &cColloquyMessage::fromName)},
-        {"qType", offsetIn(message, &cColloquyMessage::qType)},
-        {"messageType", offsetIn(message, &cColloquyMessage::messageType)},
-        {"messageSubType", offsetIn(message, &cColloquyMessage::messageSubType)},
-        {"body", offsetIn(message, &cColloquyMessage::body)},
-        {"bodyLen", offsetIn(message, &cColloquyMessage::bodyLen)},
-        {"packedBuffer", offsetIn(message, &cColloquyMessage::packedBuffer)},
-        {"packedLen", offsetIn(message, &cColloquyMessage::packedLen)},
-    };
-    std::size_t const expected[] = {
-        offsetof(MessageMirror, userValue),    offsetof(MessageMirror, formatStamp),
-        offsetof(MessageMirror, toHost),       offsetof(MessageMirror, toName),
-        offsetof(MessageMirror, fromHost),     offsetof(MessageMirror, fromName),
-        offsetof(MessageMirror, qType),        offsetof(MessageMirror, messageType),
-        offsetof(MessageMirror, messageSubType), offsetof(MessageMirror, body),
-        offsetof(MessageMirror, bodyLen),      offsetof(MessageMirror, packedBuffer),
-        offsetof(MessageMirror, packedLen),
-    };
-    ASSERT_EQ(actual.size(), std::size(expected));
-    for (std::size_t i = 0; i < actual.size(); ++i)
-        EXPECT_EQ(actual[i].second, std::ptrdiff_t(expected[i])) << actual[i].first;
+    expectMirrored("cColloquyMessage",
+                   {COMPAT_MIRRORED(message, MessageMirror, userValue),
+                    COMPAT_MIRRORED(message, MessageMirror, formatStamp),
+                    COMPAT_MIRRORED(message, MessageMirror, toHost),
+                    COMPAT_MIRRORED(message, MessageMirror, toName),
+                    COMPAT_MIRRORED(message, MessageMirror, fromHost),
+                    COMPAT_MIRRORED(message, MessageMirror, fromName),
+                    COMPAT_MIRRORED(message, MessageMirror, qType),
+                    COMPAT_MIRRORED(message, MessageMirror, messageType),
+                    COMPAT_MIRRORED(message, MessageMirror, messageSubType),
+                    COMPAT_MIRRORED(message, MessageMirror, body),
+                    COMPAT_MIRRORED(message, MessageMirror, bodyLen),
+                    COMPAT_MIRRORED(message, MessageMirror, packedBuffer),
+                    COMPAT_MIRRORED(message, MessageMirror, packedLen)});
 }
 
 // RWCollectable carries nothing but its virtual table pointer, so the typed message is exact too.
@@ -164,10 +166,10 @@ struct TypedMessageMirror {
 TEST(Layout, TypedMessageMatchesTheDocumentedRecord) {
     cTypedMessageObject const typed(1, 2, nullptr, 0);
     EXPECT_EQ(sizeof(cTypedMessageObject), sizeof(TypedMessageMirror));
-    EXPECT_EQ(offsetIn(typed, &cTypedMessageObject::type), std::ptrdiff_t(offsetof(TypedMessageMirror, type)));
-    EXPECT_EQ(offsetIn(typed, &cTypedMessageObject::subType), std::ptrdiff_t(offsetof(TypedMessageMirror, subType)));
-    EXPECT_EQ(offsetIn(typed, &cTypedMessageObject::data), std::ptrdiff_t(offsetof(TypedMessageMirror, data)));
-    EXPECT_EQ(offsetIn(typed, &cTypedMessageObject::length), std::ptrdiff_t(offsetof(TypedMessageMirror, length)));
+    expectMirrored("cTypedMessageObject", {COMPAT_MIRRORED(typed, TypedMessageMirror, type),
+                                           COMPAT_MIRRORED(typed, TypedMessageMirror, subType),
+                                           COMPAT_MIRRORED(typed, TypedMessageMirror, data),
+                                           COMPAT_MIRRORED(typed, TypedMessageMirror, length)});
 }
 
 TEST(Layout, EventRegistryMembersFollowTheDocumentedOrder) {

@@ -1,0 +1,48 @@
+// Small file and process helpers of the compat suite.
+#ifndef COLLOQUY_TESTS_COMPAT_FILES_H
+#define COLLOQUY_TESTS_COMPAT_FILES_H
+
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace compat {
+
+// The lines of a text file; throws when it cannot be read, so a missing input never passes.
+inline std::vector<std::string> gReadLines(std::string const& path) {
+    std::ifstream in(path);
+    if (!in) throw std::runtime_error("cannot read " + path);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+// The standard output lines of a shell command; throws when it cannot run or fails.
+inline std::vector<std::string> gCommandLines(std::string const& command) {
+    std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
+    if (!pipe) throw std::runtime_error("cannot run " + command);
+    std::vector<std::string> lines;
+    std::string line;
+    for (int c; (c = std::fgetc(pipe.get())) != EOF;) {
+        if (c != '\n') { line += char(c); continue; }
+        lines.push_back(line);
+        line.clear();
+    }
+    if (!line.empty()) lines.push_back(line);
+    if (pclose(pipe.release()) != 0) throw std::runtime_error("command failed: " + command);
+    return lines;
+}
+
+// Leading and trailing blanks removed.
+inline std::string gTrim(std::string const& text) {
+    auto const first = text.find_first_not_of(" \t");
+    if (first == std::string::npos) return {};
+    return text.substr(first, text.find_last_not_of(" \t") - first + 1);
+}
+
+}  // namespace compat
+
+#endif

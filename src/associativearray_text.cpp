@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
+#include <typeinfo>
 
 namespace nAssoText {
 
@@ -43,21 +45,8 @@ void appendDecimal(std::string& out, long long n) {
 }
 
 void appendPrefix(std::string& out, size_t length) {
-    out.append(" '", 2);
-    appendDecimal(out, static_cast<long long>(length));
-    out.push_back(' ');
-}
-
-size_t prefixSize(size_t length) {
-    size_t digits = 1;
-    for (; length >= 10; length /= 10) ++digits;
-    return digits + 3;
-}
-
-std::string_view upToNul(std::string_view piece) {
-    size_t n = 0;
-    while (n < piece.size() && piece[n] != '\0') ++n;  // pieces are short: a plain loop beats memchr
-    return piece.substr(0, n);
+    char prefix[32];
+    out.append(prefix, static_cast<size_t>(writePrefix(prefix, length) - prefix));
 }
 
 namespace {
@@ -77,84 +66,118 @@ RWCollectableString* storedValue(CAssociativeArray const& record, std::string_vi
     return value && value->isA() == __RWCOLLECTABLESTRING ? static_cast<RWCollectableString*>(value) : nullptr;
 }
 
-namespace {
+std::string_view foreignText(RWCollectable const* item) {
+    if (!item || item->isA() != __RWCOLLECTABLESTRING) return std::string_view();
+    return static_cast<RWCollectableString const*>(item)->view();
+}
 
-// The key and value objects of a pair are made in one allocation, as they are nearly always
-// created together; each is still destroyed on its own with delete (by the record or by
-// anyone it was handed to), which gives its part back, and the block is freed with its last
-// part. This halves the allocations of filling a record.
-class cStoredString final : public RWCollectableString {
-public:
-    cStoredString(std::string_view bytes) : RWCollectableString(bytes.data(), bytes.size()) {}
-    ~cStoredString() override = default;
-    static void* operator new(size_t, void* where) noexcept { return where; }  // only inside a block
-    static void operator delete(void* object);
-};
+// ---- blocks of key and value objects ----
 
-struct cBlock;
+// The most objects one block holds (about 3.5 KiB on 64 bits): a text form with many pairs is
+// made in several blocks, and one object kept alive holds no more than that.
+constexpr size_t kMaxParts = 64;
+
 struct cPart {
     cBlock* block;
     alignas(cStoredString) unsigned char storage[sizeof(cStoredString)];
 };
+
+// A block's header, followed by its parts. `live` counts the parts not yet given back: an
+// object gives its part back when destroyed, the maker gives back the parts it did not use
+// (and its own hold) when it goes.
 struct cBlock {
-    std::atomic<int> live{0};
-    cPart parts[2];
-};
+    std::atomic<size_t> live;
+    size_t parts;
+    size_t used = 0;
+    cBlock(size_t n) : live(n + 1), parts(n) {}  // each part, and the maker's hold
+    cPart* part(size_t i) { return reinterpret_cast<cPart*>(this + 1) + i; }
 
-void cStoredString::operator delete(void* object) {
-    auto* part = reinterpret_cast<cPart*>(static_cast<unsigned char*>(object) - offsetof(cPart, storage));
-    cBlock* block = part->block;
-    // The last live part needs no read-modify-write: nobody else can reach the block then.
-    if (block->live.load(std::memory_order_acquire) == 1 || block->live.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-        block->~cBlock();
-        ::operator delete(block);
+    static cBlock* make(size_t n) {
+        static_assert(sizeof(cBlock) % alignof(cPart) == 0, "the parts follow the header aligned");
+        return new (::operator new(sizeof(cBlock) + n * sizeof(cPart))) cBlock(n);
     }
-}
-
-// Owns a block while its objects are being built; frees it when nothing was built.
-class cBlockBuilder {
-public:
-    cBlockBuilder() : mBlock(new (::operator new(sizeof(cBlock))) cBlock) {}
-    ~cBlockBuilder() {
-        if (mBlock && mBlock->live == 0) {
-            mBlock->~cBlock();
-            ::operator delete(mBlock);
+    // Gives `n` parts back; the block is freed with the last one.
+    static void release(cBlock* block, size_t n) {
+        // Holding every part left, nobody else can reach the block: no read-modify-write is needed.
+        if (block->live.load(std::memory_order_acquire) == n || block->live.fetch_sub(n, std::memory_order_acq_rel) == n) {
+            block->~cBlock();
+            ::operator delete(block);
         }
     }
-    cBlockBuilder(cBlockBuilder const&) = delete;
-    cBlockBuilder& operator=(cBlockBuilder const&) = delete;
-    // Builds the next object; from then on it owns its part of the block.
-    std::unique_ptr<RWCollectableString> make(std::string_view bytes) {
-        // The block is not shared yet: plain stores suffice.
-        int const built = mBlock->live.load(std::memory_order_relaxed);
-        cPart& part = mBlock->parts[built];
-        part.block = mBlock;
-        auto* object = new (static_cast<void*>(part.storage)) cStoredString(bytes);
-        mBlock->live.store(built + 1, std::memory_order_relaxed);
-        return std::unique_ptr<RWCollectableString>(object);
-    }
-
-private:
-    cBlock* mBlock;
 };
+
+namespace {
+
+cBlock* blockOf(cStoredString const* object) {
+    auto const* bytes = reinterpret_cast<unsigned char const*>(object);
+    return reinterpret_cast<cPart const*>(bytes - offsetof(cPart, storage))->block;
+}
 
 }  // namespace
 
-void addPair(CAssociativeArray& record, std::string_view key, std::string_view value) {
+void cStoredString::operator delete(void* object) { cBlock::release(blockOf(static_cast<cStoredString*>(object)), 1); }
+
+cStringMaker::cStringMaker(size_t expected) : mParts(std::min(std::max<size_t>(expected, 2), kMaxParts)) {}
+
+cStringMaker::~cStringMaker() {
+    if (mBlock) cBlock::release(mBlock, mBlock->parts - mBlock->used + 1);
+}
+
+std::unique_ptr<RWCollectableString> cStringMaker::make(std::string_view bytes) {
+    if (!mBlock || mBlock->used == mBlock->parts) {
+        cBlock* const fresh = cBlock::make(mParts);
+        if (mBlock) cBlock::release(mBlock, 1);  // every part is used: only the maker's hold is left
+        mBlock = fresh;
+    }
+    cPart* const part = mBlock->part(mBlock->used);
+    part->block = mBlock;
+    // Built before the part counts as used: when the copy throws, the part is still unused.
+    auto* object = new (static_cast<void*>(part->storage)) cStoredString(bytes);
+    ++mBlock->used;
+    return std::unique_ptr<RWCollectableString>(object);
+}
+
+void cDestroyer::destroy(RWCollectable* object) {
+    if (!object) return;
+    if (typeid(*object) != typeid(cStoredString)) {
+        delete object;
+        return;
+    }
+    auto* const stored = static_cast<cStoredString*>(object);
+    cBlock* const block = blockOf(stored);
+    stored->~cStoredString();  // its part is given back below, with its neighbours'
+    if (block != mBlock) {
+        flush();
+        mBlock = block;
+    }
+    ++mCount;
+}
+
+void cDestroyer::flush() {
+    if (mBlock) cBlock::release(mBlock, mCount);
+    mBlock = nullptr;
+    mCount = 0;
+}
+
+void addPair(CAssociativeArray& record, std::string_view key, std::string_view value, cStringMaker& maker) {
     unsigned const hash = RWCString::hash(key.data(), key.size());
     cKeyMatch const matches{key};
-    cBlockBuilder block;
-    std::unique_ptr<RWCollectableString> newValue = block.make(value);
+    std::unique_ptr<RWCollectableString> newValue = maker.make(value);
     if (RWCollectable const* storedKey = record.findIf(hash, matches)) {
         // The first key object stays; the last value wins.
         RWCollectable* old = record.replaceValueIf(hash, matches, newValue.release());
         if (old != storedKey) delete old;
         return;
     }
-    std::unique_ptr<RWCollectableString> newKey = block.make(key);
+    std::unique_ptr<RWCollectableString> newKey = maker.make(key);
     record.insertNewKeyAndValue(newKey.get(), newValue.get(), hash);
     newKey.release();
     newValue.release();
+}
+
+void addPair(CAssociativeArray& record, std::string_view key, std::string_view value) {
+    cStringMaker maker(2);
+    addPair(record, key, value, maker);
 }
 
 }  // namespace nAssoText

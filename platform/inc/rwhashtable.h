@@ -29,6 +29,8 @@ public:
     RWCollectable* insert(RWCollectable* item) override;
     RWCollectable* remove(RWCollectable const* target) override;
     void removeAndDestroy(RWCollectable const* target) override;
+    // Makes room for `count` items in all, so that adding up to that many rehashes no more.
+    void reserve(size_t count);
 
     // Lookup without a key object: `hash` is what the stored item's hash() gives, and
     // `matches(RWCollectable const*)` decides among the items with that hash.
@@ -84,6 +86,8 @@ protected:
     unsigned mShift = 32;
 
 private:
+    // The capacity the growth rule gives for `count` items, starting from `capacity`.
+    static size_t capacityFor(size_t count, size_t capacity);
     void rehash(size_t newCapacity);
 };
 

@@ -95,13 +95,22 @@ RWCollectable* RWHashTable::remove(RWCollectable const* target) {
 
 void RWHashTable::removeAndDestroy(RWCollectable const* target) { delete remove(target); }
 
+size_t RWHashTable::capacityFor(size_t count, size_t capacity) {
+    while (count * 2 > capacity) capacity <<= 1;
+    return capacity;
+}
+
+void RWHashTable::reserve(size_t count) {
+    // The same rule as addSlot's, so that the insertions that follow find the table big enough.
+    if (count <= mCount || (count + mRemoved) * 10 <= mCapacity * 7) return;
+    size_t const capacity = capacityFor(count, mCapacity ? mCapacity : mInitialCapacity);
+    if (capacity != mCapacity || mRemoved) rehash(capacity);
+}
+
 RWHashTable::cSlot& RWHashTable::addSlot(RWCollectable* key, RWCollectable* value, unsigned hash) {
     // Keep live and removed slots under 70% so that every probe meets an empty slot soon.
-    if ((mCount + mRemoved + 1) * 10 > mCapacity * 7) {
-        size_t capacity = mCapacity ? mCapacity : mInitialCapacity;
-        while ((mCount + 1) * 2 > capacity) capacity <<= 1;
-        rehash(capacity);
-    }
+    if ((mCount + mRemoved + 1) * 10 > mCapacity * 7)
+        rehash(capacityFor(mCount + 1, mCapacity ? mCapacity : mInitialCapacity));
     size_t const mask = mCapacity - 1;
     size_t i = home(hash);
     while (mSlots[i].state == kFull) i = (i + 1) & mask;

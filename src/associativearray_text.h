@@ -6,10 +6,12 @@
 #include "associativearray.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <typeinfo>
 #include <string>
 #include <string_view>
@@ -108,22 +110,70 @@ public:
     static void operator delete(void* object);
 };
 
-struct cBlock;
+namespace nDetail {
 
-// Makes objects out of blocks of up to `expected` objects each (at least 2, at most a fixed
-// limit, so that one long-lived object never holds much memory). Parts left unused are given
-// back when the maker goes.
+struct cBlock;
+struct cPart {
+    cBlock* block;
+    alignas(cStoredString) unsigned char storage[sizeof(cStoredString)];
+};
+
+// A block's header, followed by its parts. `live` counts the parts not yet given back: an
+// object gives its part back when destroyed, the maker gives back the parts it did not use
+// (and its own hold) when it goes.
+struct cBlock {
+    std::atomic<size_t> live;
+    size_t parts;
+    size_t used = 0;
+    explicit cBlock(size_t n) : live(n + 1), parts(n) {}  // each part, and the maker's hold
+    cPart* part(size_t i) { return reinterpret_cast<cPart*>(this + 1) + i; }
+
+    static cBlock* make(size_t n) {
+        static_assert(sizeof(cBlock) % alignof(cPart) == 0, "the parts follow the header aligned");
+        return new (::operator new(sizeof(cBlock) + n * sizeof(cPart))) cBlock(n);
+    }
+    // Gives `n` parts back; the block is freed with the last one.
+    static void release(cBlock* block, size_t n) {
+        // Holding every part left, nobody else can reach the block: no read-modify-write is needed.
+        if (block->live.load(std::memory_order_acquire) == n ||
+            block->live.fetch_sub(n, std::memory_order_acq_rel) == n) {
+            block->~cBlock();
+            ::operator delete(block);
+        }
+    }
+};
+
+inline cBlock* blockOf(cStoredString const* object) {
+    auto const* bytes = reinterpret_cast<unsigned char const*>(object);
+    return reinterpret_cast<cPart const*>(bytes - offsetof(cPart, storage))->block;
+}
+
+}  // namespace nDetail
+
+// Makes objects out of blocks of up to `expected` objects each (at least 2, at most
+// kMaxParts, so that one long-lived object never holds much memory). Parts left unused are
+// given back when the maker goes.
 class cStringMaker {
 public:
+    static constexpr size_t kMaxParts = 64;  // about 3.5 KiB on 64 bits
     explicit cStringMaker(size_t expected);
     ~cStringMaker();
     cStringMaker(cStringMaker const&) = delete;
     cStringMaker& operator=(cStringMaker const&) = delete;
     // From then on the object owns its part of the block.
-    std::unique_ptr<RWCollectableString> make(std::string_view bytes);
+    std::unique_ptr<RWCollectableString> make(std::string_view bytes) {
+        if (!mBlock || mBlock->used == mBlock->parts) renew();
+        nDetail::cPart* const part = mBlock->part(mBlock->used);
+        part->block = mBlock;
+        // Built before the part counts as used: when the copy throws, the part is still unused.
+        auto* object = new (static_cast<void*>(part->storage)) cStoredString(bytes);
+        ++mBlock->used;
+        return std::unique_ptr<RWCollectableString>(object);
+    }
 
 private:
-    cBlock* mBlock = nullptr;
+    void renew();  // starts a new block
+    nDetail::cBlock* mBlock = nullptr;
     size_t mParts;
 };
 
@@ -135,11 +185,25 @@ public:
     ~cDestroyer() { flush(); }
     cDestroyer(cDestroyer const&) = delete;
     cDestroyer& operator=(cDestroyer const&) = delete;
-    void destroy(RWCollectable* object);
+    void destroy(RWCollectable* object) {
+        if (!object) return;
+        if (typeid(*object) != typeid(cStoredString)) {
+            delete object;
+            return;
+        }
+        auto* const stored = static_cast<cStoredString*>(object);
+        nDetail::cBlock* const block = nDetail::blockOf(stored);
+        stored->~cStoredString();  // its part is given back below, with its neighbours'
+        if (block != mBlock) {
+            flush();
+            mBlock = block;
+        }
+        ++mCount;
+    }
 
 private:
     void flush();
-    cBlock* mBlock = nullptr;
+    nDetail::cBlock* mBlock = nullptr;
     size_t mCount = 0;
 };
 
@@ -151,9 +215,26 @@ inline std::string_view textOf(RWCollectable const* item) {
     return foreignText(item);
 }
 
+// Matches a stored key object against key bytes without building a key object.
+struct cKeyMatch {
+    std::string_view key;
+    bool operator()(RWCollectable const* stored) const {
+        return stored->isA() == __RWCOLLECTABLESTRING && static_cast<RWCollectableString const*>(stored)->view() == key;
+    }
+};
+
 // Adds the pair, or replaces the value of an existing key (destroying the old value). The
 // lookup makes no allocation; only the new objects are made, by `maker`.
-void addPair(CAssociativeArray& record, std::string_view key, std::string_view value, cStringMaker& maker);
+inline void addPair(CAssociativeArray& record, std::string_view key, std::string_view value, cStringMaker& maker) {
+    std::unique_ptr<RWCollectableString> newValue = maker.make(value);
+    RWCollectable* old = nullptr;
+    // A new key gets a key object; an existing one keeps the first key object (the last value wins).
+    RWCollectable const* storedKey = record.putValueIf(
+        RWCString::hash(key.data(), key.size()), cKeyMatch{key}, newValue.get(),
+        [&maker, key] { return maker.make(key).release(); }, old);
+    newValue.release();
+    if (storedKey && old != storedKey) delete old;
+}
 void addPair(CAssociativeArray& record, std::string_view key, std::string_view value);
 
 // ---- inline definitions: the reader's inner loop ----

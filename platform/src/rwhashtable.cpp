@@ -107,16 +107,23 @@ void RWHashTable::reserve(size_t count) {
     if (capacity != mCapacity || mRemoved) rehash(capacity);
 }
 
+void RWHashTable::grow() { rehash(capacityFor(mCount + 1, mCapacity ? mCapacity : mInitialCapacity)); }
+
+RWHashTable::cSlot& RWHashTable::vacancyAfterGrowing(unsigned hash) {
+    grow();
+    size_t const mask = mCapacity - 1;
+    size_t i = home(hash);
+    while (mSlots[i].state == kFull) i = (i + 1) & mask;  // a fresh table has no removed slots
+    return mSlots[i];
+}
+
 RWHashTable::cSlot& RWHashTable::addSlot(RWCollectable* key, RWCollectable* value, unsigned hash) {
     // Keep live and removed slots under 70% so that every probe meets an empty slot soon.
-    if ((mCount + mRemoved + 1) * 10 > mCapacity * 7)
-        rehash(capacityFor(mCount + 1, mCapacity ? mCapacity : mInitialCapacity));
+    if ((mCount + mRemoved + 1) * 10 > mCapacity * 7) grow();
     size_t const mask = mCapacity - 1;
     size_t i = home(hash);
     while (mSlots[i].state == kFull) i = (i + 1) & mask;
-    if (mSlots[i].state == kRemoved) --mRemoved;
-    mSlots[i] = cSlot{key, value, hash, kFull};
-    ++mCount;
+    fillSlot(mSlots[i], key, value, hash);
     return mSlots[i];
 }
 

@@ -11,8 +11,6 @@ import sys
 
 # Programs whose benchmarks are named <workload>/<library>[/arguments]: one table per workload.
 COMPARED = ("record_peers_bench", "transport_peers_bench")
-# Rows shown for comparison only: never the "best other" of a row, never a target's reference.
-PROPOSALS = ("proposal",)
 COUNTERS = ("items_per_second", "rx_cpu_us", "rx_syscalls", "cpu_us")
 
 
@@ -64,7 +62,7 @@ def workload_table(rows):
     head = ["library", "median / op", "spread", "ratio to best other"] + counters
     lines = ["| " + " | ".join(head) + " |", "|" + "---|" * len(head)]
     for r in rows:
-        others = [o.median for o in rows if o is not r and o.library not in PROPOSALS]
+        others = [o.median for o in rows if o is not r]
         ratio = f"{r.median / min(others):.2f}" if others else "-"
         cells = [r.library, show_time(r.median), f"{100 * r.spread:.1f} %", ratio]
         cells += [show_counter(c, r.counters[c]) if c in r.counters else "" for c in counters]
@@ -92,7 +90,7 @@ def targets(rows):
             if not ours:
                 continue
             if size == "16":
-                for peer in (r for r in rows if r.workload == op + size and r.library not in ("ours",) + PROPOSALS):
+                for peer in (r for r in rows if r.workload == op + size and r.library != "ours"):
                     ratio = ours.median / peer.median
                     check(f"{op} 16 pairs: ours faster than {peer.library}", f"{ratio:.2f}x", ratio < 1)
             else:
@@ -136,7 +134,7 @@ def instructions_table(directory):
     for workload, libraries in counts.items():
         pairs = 16 if workload.endswith("16") else 1
         for library, per_op in libraries.items():
-            others = [v for k, v in libraries.items() if k != library and k not in PROPOSALS]
+            others = [v for k, v in libraries.items() if k != library]
             ratio = f"{per_op / min(others):.2f}" if others else "-"
             lines.append(f"| {workload} | {library} | {per_op:,.0f} | {per_op / pairs:,.0f} | {ratio} |")
     return lines
@@ -149,9 +147,7 @@ def main():
           "repetitions of one run; *spread* is (max - min) / median over those repetitions; *ratio to",
           "best other* divides a row's median by the lowest median among the other rows of its table",
           "(below 1: faster than all of them). Record workloads are timed in CPU time, transport",
-          "workloads in wall time (with CPU time and system calls per message beside). A *proposal*",
-          "row is a faster writer of the same bytes written in bench/ (not the library), shown to size",
-          "a possible change; it is left out of every ratio.", ""]
+          "workloads in wall time (with CPU time and system calls per message beside).", ""]
     md += ["## Machine", "", "```"] + (directory / "machine.txt").read_text().rstrip().split("\n") + ["```", ""]
 
     compared_rows = []

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -112,7 +113,19 @@ CAssociativeArray::CAssociativeArray(_typer_c<zc_move__deprecate> const&, CAssoc
     if (source) source->clear();
 }
 
-CAssociativeArray::~CAssociativeArray() { clearAndDestroy(); }
+CAssociativeArray::~CAssociativeArray() {
+    // What clearAndDestroy does, with the record's own objects given back to their blocks in
+    // bulk. The table is detached first: no destructor sees half-deleted pairs.
+    std::unique_ptr<cSlot[]> const slots = std::move(mSlots);
+    size_t const capacity = mCapacity;
+    clear();
+    nAssoText::cDestroyer destroyer;
+    for (size_t i = 0; i < capacity; ++i) {
+        if (slots[i].state != kFull) continue;
+        if (slots[i].value != slots[i].key) destroyer.destroy(slots[i].value);
+        destroyer.destroy(slots[i].key);
+    }
+}
 
 void CAssociativeArray::AddCouple(char const* key, char const* value, int length) {
     std::string_view const bytes = value && length > 0 ? std::string_view(value, static_cast<size_t>(length))
@@ -250,61 +263,49 @@ void CAssociativeArray::Reset() { clear(); }
 
 namespace {
 
-std::string_view collectableText(RWCollectable const* item) {
-    if (!item || item->isA() != __RWCOLLECTABLESTRING) return std::string_view();
-    return static_cast<RWCollectableString const*>(item)->view();
-}
-
 // The value as written: bulky values are left out (written as empty) when the flags ask.
 std::string_view writtenValue(std::string_view key, RWCollectable const* value, bool skipResponseBody,
                               bool skipProxyPostData) {
     if (skipResponseBody && (key == "$RESPONSEBODY" || (skipProxyPostData && key == "$PROXYPOSTDATA")))
         return std::string_view();
-    return collectableText(value);
-}
-
-}  // namespace
-
-namespace {
-
-// Walks the pairs as written: (key text, written value text).
-template <class Visit>
-void forEachWritten(CAssociativeArray const& record, bool skipResponseBody, bool skipProxyPostData, Visit&& visit) {
-    RWHashDictionaryIterator next(const_cast<CAssociativeArray&>(record));
-    while (RWCollectable const* key = next()) {
-        std::string_view const k = collectableText(key);
-        visit(k, writtenValue(k, next.value(), skipResponseBody, skipProxyPostData));
-    }
+    return nAssoText::textOf(value);
 }
 
 }  // namespace
 
 void CAssociativeArray::ToStringInternal(bool skipResponseBody, bool skipProxyPostData) const {
     using namespace nAssoText;
-    // The size is computed first, so that the text is allocated at most once and each value
-    // copied once, straight into the cache when it is large enough (nothing can fail then).
+    // The pairs as written, in the table's order (the iterator's): the slots are walked
+    // directly, as this runs for every message sent.
+    auto const forEachWritten = [&](auto&& visit) {
+        for (size_t i = 0; i < mCapacity; ++i) {
+            cSlot const& slot = mSlots[i];
+            if (slot.state != kFull) continue;
+            std::string_view const key = textOf(slot.key);
+            visit(key, writtenValue(key, slot.value, skipResponseBody, skipProxyPostData));
+        }
+    };
+    // The exact size is computed first, so that the text is sized once and each value copied
+    // once, straight into the cache when it is large enough (nothing can fail then).
     size_t size = 1;
+    size_t const countDigits = decimalDigits(entries());
     if (!isEmpty()) {
-        size += prefixSize(entries());
-        forEachWritten(*this, skipResponseBody, skipProxyPostData, [&size](std::string_view k, std::string_view v) {
-            size += prefixSize(k.size()) + k.size() + prefixSize(v.size()) + v.size();
-        });
+        size += countDigits;
+        forEachWritten([&size](std::string_view k, std::string_view v) { size += pieceSize(k) + pieceSize(v); });
     }
     std::string fresh;
     std::string& cache = mLastText.stdString();
     std::string& text = cache.capacity() >= size ? cache : fresh;
-    text.reserve(size);  // may fail only for `fresh`: the cache is then left as it was
-    text.clear();
+    text.resize(size);  // may fail only for `fresh`: the cache is then left as it was
+    char* out = text.data();
     if (!isEmpty()) {
-        appendDecimal(text, static_cast<long long>(entries()));
-        forEachWritten(*this, skipResponseBody, skipProxyPostData, [&text](std::string_view k, std::string_view v) {
-            appendPrefix(text, k.size());
-            text.append(k);
-            appendPrefix(text, v.size());
-            text.append(v);
+        out = writeDecimal(out, entries(), countDigits);
+        forEachWritten([&out](std::string_view k, std::string_view v) {
+            out = writePiece(out, k);
+            out = writePiece(out, v);
         });
     }
-    text.push_back(' ');
+    *out = ' ';
     if (&text == &fresh) cache.swap(fresh);
 }
 
@@ -327,12 +328,23 @@ void CAssociativeArray::ToString(char const*& text, int& length, bool skipRespon
 
 namespace {
 
+// The fewest bytes a pair takes: "'0 " and the byte after it, twice (the very last byte of
+// the input may be missing).
+constexpr size_t kMinPairBytes = 8;
+
 void readPairs(CAssociativeArray& record, nAssoText::cCursor cursor) {
     int const count = nAssoText::parseInt(cursor);
+    if (count <= 0) return;
+    // Room for the pairs announced, as far as the input can hold them: a false count makes
+    // no allocation larger than the input's own pairs could.
+    size_t const fitting = (static_cast<size_t>(cursor.end - cursor.pos) + 1) / kMinPairBytes;
+    size_t const expected = std::min(static_cast<size_t>(count), fitting);
+    record.reserve(record.entries() + expected);
+    nAssoText::cStringMaker maker(2 * expected);
     for (int i = 0; i < count; ++i) {
         std::string_view const key = nAssoText::loadPiece(cursor);
         std::string_view const value = nAssoText::loadPiece(cursor);
-        nAssoText::addPair(record, nAssoText::upToNul(key), value);
+        nAssoText::addPair(record, nAssoText::upToNul(key), value, maker);
     }
 }
 

@@ -16,9 +16,7 @@
 #include "associativearray.h"
 #include "record_workload.h"
 
-#include <charconv>
 #include <cstring>
-#include <stdexcept>
 #include <map>
 #include <string>
 #include <utility>
@@ -82,76 +80,6 @@ public:
 
 private:
     CAssociativeArray mRecord;
-};
-
-// ---- a proposed writer, for comparison: same bytes, fewer steps --------------------------
-
-// Writes the same text as CAssociativeArray::ToString(false, false), the way a faster writer
-// inside the record could: it walks the table's slots directly (the record derives from the
-// table, whose slots are open to derived classes) instead of through the iterator's virtual,
-// out-of-line calls, sizes the text exactly, resizes it once and stores digits and bytes
-// through a pointer. The library's writer walks through the iterator twice and appends piece
-// by piece through std::string. Only the writer is proposed: read() is the library's own.
-class cProposal {
-public:
-    static constexpr char const* kName = "proposal";
-    static std::string version() { return "bench/peers/record_codecs.h"; }
-    explicit cProposal(tPairs const& pairs) {
-        addAll(mRecord, pairs);
-        write();
-        if (mText != cOurs(pairs).text()) throw std::logic_error("the proposed writer differs from the record's");
-    }
-    size_t write() {
-        size_t size = 1;
-        if (!mRecord.isEmpty()) {
-            size += digits(mRecord.entries());
-            mRecord.forEachPair([&size](std::string_view k, std::string_view v) {
-                size += 6 + digits(k.size()) + k.size() + digits(v.size()) + v.size();
-            });
-        }
-        mText.resize(size);
-        char* p = mText.data();
-        if (!mRecord.isEmpty()) p = std::to_chars(p, p + 20, mRecord.entries()).ptr;
-        mRecord.forEachPair([&p](std::string_view k, std::string_view v) {
-            p = piece(p, k);
-            p = piece(p, v);
-        });
-        *p = ' ';
-        return mText.size();
-    }
-    static size_t read(std::string const& text) { return cOurs::read(text); }
-    std::string text() const { return mText; }
-
-private:
-    struct cRecord : CAssociativeArray {
-        // visit(key text, value text) for each pair, in the iterator's order.
-        template <class Visit>
-        void forEachPair(Visit&& visit) const {
-            for (size_t i = 0; i < mCapacity; ++i)
-                if (mSlots[i].state == kFull) visit(textOf(mSlots[i].key), textOf(mSlots[i].value));
-        }
-    };
-    static size_t digits(size_t n) {
-        size_t d = 1;
-        for (; n >= 10; n /= 10) ++d;
-        return d;
-    }
-    static std::string_view textOf(RWCollectable const* item) {
-        if (!item || item->isA() != __RWCOLLECTABLESTRING) return std::string_view();
-        return static_cast<RWCollectableString const*>(item)->view();
-    }
-    // " '<length> <bytes>"
-    static char* piece(char* p, std::string_view bytes) {
-        *p++ = ' ';
-        *p++ = '\'';
-        p = std::to_chars(p, p + 20, bytes.size()).ptr;
-        *p++ = ' ';
-        std::memcpy(p, bytes.data(), bytes.size());
-        return p + bytes.size();
-    }
-
-    cRecord mRecord;
-    std::string mText;
 };
 
 // ---- the floor: the record's text form copied --------------------------------------------
@@ -268,12 +196,10 @@ struct tCodec {
 };
 
 // Calls visit(tCodec<Codec>()) for each codec built into this program, the library first;
-// the memcpy floor only when asked (it is the floor of the large value only), the proposed
-// writer only for writing.
+// the memcpy floor only when asked (it is the floor of the large value only).
 template <class Visit>
-void forEachCodec(bool withFloor, bool writing, Visit&& visit) {
+void forEachCodec(bool withFloor, Visit&& visit) {
     visit(tCodec<cOurs>());
-    if (writing) visit(tCodec<cProposal>());
     if (withFloor) visit(tCodec<cMemcpy>());
 #ifdef COLLOQUY_PEER_NLOHMANN
     visit(tCodec<cNlohmann>());

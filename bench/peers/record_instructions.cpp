@@ -35,7 +35,7 @@ int main(int argc, char** argv) {
     bool found = false;
     for (std::string const size : {"16", "1MiB"})
         for (std::string const operation : {"Write", "Read"})
-            forEachCodec(size == "1MiB", operation == "Write", [&](auto tag) {
+            forEachCodec(size == "1MiB", [&](auto tag) {
                 using Codec = typename decltype(tag)::type;
                 if (argc < 4) {
                     std::printf("%s%s %s\n", operation.c_str(), size.c_str(), Codec::kName);

@@ -4,8 +4,7 @@
 // as the floor of the large value. Benchmarks are named <Operation><Size>/<library>; the
 // libraries' versions are in the context of the output. Targets: Write16/ours and
 // Read16/ours faster than each other library; Write1MiB/ours and Read1MiB/ours within 1.5x
-// of memcpy. Write<Size>/proposal is a faster writer of the same bytes, written here to show
-// what the library's writer could reach (see record_codecs.h); it is no target's reference.
+// of memcpy.
 #include "ratio_report.h"
 #include "record_codecs.h"
 
@@ -46,18 +45,17 @@ std::vector<benchratio::cComparison> registerAll() {
     for (cSize const size : {cSize{"16", smallPairs, false}, cSize{"1MiB", bigPairs, true}})
         for (std::string const operation : {"Write", "Read"}) {
             std::string const workload = operation + size.name + "/";
-            forEachCodec(size.floor, operation == "Write", [&](auto tag) {
+            forEachCodec(size.floor, [&](auto tag) {
                 using Codec = typename decltype(tag)::type;
                 std::string const name = workload + Codec::kName;
                 auto* const run = operation == "Write" ? &Write<Codec> : &Read<Codec>;
                 benchmark::RegisterBenchmark(name.c_str(), run, size.pairs);
                 if (name == workload + cOurs::kName) return;
-                if (std::string(Codec::kName) == cProposal::kName) return;
                 bool const floor = std::string(Codec::kName) == cMemcpy::kName;
                 if (size.floor == floor) comparisons.push_back({workload + cOurs::kName, name, floor ? "<= 1.5" : "< 1"});
             });
         }
-    forEachCodec(true, true, [](auto tag) {
+    forEachCodec(true, [](auto tag) {
         using Codec = typename decltype(tag)::type;
         benchmark::AddCustomContext(std::string("version ") + Codec::kName, Codec::version());
     });

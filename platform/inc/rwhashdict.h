@@ -50,6 +50,24 @@ public:
         mSlots[i].value = newValue;
         return old;
     }
+    // Adding or replacing in one probe. When a pair is found as by findValueIf, `value` takes
+    // the place of its value: the old value is put in `old` and the stored key returned. Else
+    // the pair (makeKey(), value) is added and null returned; makeKey is called only then, and
+    // when it throws (or making room does), nothing is stored and `value` stays the caller's.
+    template <class Matches, class MakeKey>
+    RWCollectable* putValueIf(unsigned hash, Matches&& matches, RWCollectable* value, MakeKey&& makeKey,
+                              RWCollectable*& old) {
+        bool found = false;
+        cSlot& slot = findSlotOrVacancy(hash, matches, found);
+        if (found) {
+            old = slot.value;
+            slot.value = value;
+            return slot.key;
+        }
+        old = nullptr;
+        fillSlot(slot, makeKey(), value, hash);
+        return nullptr;
+    }
     // Adds a pair whose key the caller knows is absent, with its precomputed hash.
     void insertNewKeyAndValue(RWCollectable* key, RWCollectable* value, unsigned hash) {
         addSlot(key, value, hash);

@@ -29,6 +29,8 @@ public:
     RWCollectable* insert(RWCollectable* item) override;
     RWCollectable* remove(RWCollectable const* target) override;
     void removeAndDestroy(RWCollectable const* target) override;
+    // Makes room for `count` items in all, so that adding up to that many rehashes no more.
+    void reserve(size_t count);
 
     // Lookup without a key object: `hash` is what the stored item's hash() gives, and
     // `matches(RWCollectable const*)` decides among the items with that hash.
@@ -61,6 +63,36 @@ protected:
                 return static_cast<long>(i);
         }
     }
+    // The first full slot with this hash that `matches` (`found` true), or else the slot a new
+    // entry with this hash takes (`found` false). Room is made for the new entry only when
+    // nothing matches, so that finding never changes the table's layout.
+    template <class Matches>
+    cSlot& findSlotOrVacancy(unsigned hash, Matches& matches, bool& found) {
+        if (mCapacity == 0) grow();
+        size_t const mask = mCapacity - 1;
+        cSlot* vacancy = nullptr;
+        for (size_t i = home(hash);; i = (i + 1) & mask) {
+            cSlot& s = mSlots[i];
+            if (s.state == kEmpty) break;
+            if (s.state == kRemoved) {
+                if (!vacancy) vacancy = &s;
+            } else if (s.hash == hash && matches(static_cast<RWCollectable const*>(s.key))) {
+                found = true;
+                return s;
+            }
+        }
+        found = false;
+        if ((mCount + mRemoved + 1) * 10 > mCapacity * 7) return vacancyAfterGrowing(hash);
+        if (vacancy) return *vacancy;
+        for (size_t i = home(hash);; i = (i + 1) & mask)
+            if (mSlots[i].state == kEmpty) return mSlots[i];
+    }
+    // Stores an entry in a slot that findSlotOrVacancy gave as vacant.
+    void fillSlot(cSlot& slot, RWCollectable* key, RWCollectable* value, unsigned hash) {
+        if (slot.state == kRemoved) --mRemoved;
+        slot = cSlot{key, value, hash, kFull};
+        ++mCount;
+    }
     long findSlotOf(RWCollectable const* target) const;
     // Stores a new entry (the caller has checked for duplicates where it must) and returns its slot.
     cSlot& addSlot(RWCollectable* key, RWCollectable* value, unsigned hash);
@@ -84,7 +116,12 @@ protected:
     unsigned mShift = 32;
 
 private:
+    // The capacity the growth rule gives for `count` items, starting from `capacity`.
+    static size_t capacityFor(size_t count, size_t capacity);
     void rehash(size_t newCapacity);
+    // Makes room for one more entry.
+    void grow();
+    cSlot& vacancyAfterGrowing(unsigned hash);
 };
 
 // Walks a hash table. operator() advances and returns the next item, or null at the end.

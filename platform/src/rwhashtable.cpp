@@ -95,19 +95,35 @@ RWCollectable* RWHashTable::remove(RWCollectable const* target) {
 
 void RWHashTable::removeAndDestroy(RWCollectable const* target) { delete remove(target); }
 
+size_t RWHashTable::capacityFor(size_t count, size_t capacity) {
+    while (count * 2 > capacity) capacity <<= 1;
+    return capacity;
+}
+
+void RWHashTable::reserve(size_t count) {
+    // The same rule as addSlot's, so that the insertions that follow find the table big enough.
+    if (count <= mCount || (count + mRemoved) * 10 <= mCapacity * 7) return;
+    size_t const capacity = capacityFor(count, mCapacity ? mCapacity : mInitialCapacity);
+    if (capacity != mCapacity || mRemoved) rehash(capacity);
+}
+
+void RWHashTable::grow() { rehash(capacityFor(mCount + 1, mCapacity ? mCapacity : mInitialCapacity)); }
+
+RWHashTable::cSlot& RWHashTable::vacancyAfterGrowing(unsigned hash) {
+    grow();
+    size_t const mask = mCapacity - 1;
+    size_t i = home(hash);
+    while (mSlots[i].state == kFull) i = (i + 1) & mask;  // a fresh table has no removed slots
+    return mSlots[i];
+}
+
 RWHashTable::cSlot& RWHashTable::addSlot(RWCollectable* key, RWCollectable* value, unsigned hash) {
     // Keep live and removed slots under 70% so that every probe meets an empty slot soon.
-    if ((mCount + mRemoved + 1) * 10 > mCapacity * 7) {
-        size_t capacity = mCapacity ? mCapacity : mInitialCapacity;
-        while ((mCount + 1) * 2 > capacity) capacity <<= 1;
-        rehash(capacity);
-    }
+    if ((mCount + mRemoved + 1) * 10 > mCapacity * 7) grow();
     size_t const mask = mCapacity - 1;
     size_t i = home(hash);
     while (mSlots[i].state == kFull) i = (i + 1) & mask;
-    if (mSlots[i].state == kRemoved) --mRemoved;
-    mSlots[i] = cSlot{key, value, hash, kFull};
-    ++mCount;
+    fillSlot(mSlots[i], key, value, hash);
     return mSlots[i];
 }
 

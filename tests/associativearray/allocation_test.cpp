@@ -120,4 +120,37 @@ TEST(AssociativeArrayAllocation, ReaderAllocationIsBoundedByItsInput) {
     EXPECT_LE(allocations, 2u * 4u + 1u);
 }
 
+TEST(AssociativeArrayAllocation, ReaderMakesItsObjectsInAFewBlocks) {
+    // Short keys and values (kept inside their string objects): the table and the blocks of
+    // key and value objects are all the reader allocates, however many pairs there are.
+    for (int pairs : {16, 200}) {
+        CAssociativeArray source;
+        for (int i = 0; i < pairs; ++i) source.AddCouple(("key" + std::to_string(i)).c_str(), static_cast<long>(i));
+        std::string const text = source.ToStringRef(false, false).stdString();
+        CAssociativeArray record;
+        size_t allocations = 0;
+        {
+            AllocationCount count;
+            record.FromString(text.data(), static_cast<int>(text.size()));
+            allocations = count.count();
+        }
+        EXPECT_EQ(record.entries(), static_cast<size_t>(pairs));
+        EXPECT_LE(allocations, 1u + (2u * static_cast<size_t>(pairs) + 63u) / 64u) << pairs << " pairs";
+    }
+}
+
+TEST(AssociativeArrayAllocation, AFalseCountReservesNoMoreThanTheInputHolds) {
+    // 100 million pairs announced, three present: the reader sizes for the three at most.
+    std::string const text("100000000 '1 a '1 1 '1 b '1 2 '1 c '1 3 ");
+    CAssociativeArray record;
+    size_t largest = 0;
+    {
+        AllocationCount count;
+        EXPECT_THROW(record.FromString(text.data(), static_cast<int>(text.size())), CIllegalAssoSyntaxException);
+        largest = count.largest();
+    }
+    EXPECT_EQ(record.entries(), 3u);  // the pairs read before the failure stay
+    EXPECT_LT(largest, 4096u);
+}
+
 }  // namespace

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 using assoctest::Pairs;
@@ -185,6 +186,51 @@ TEST(AssociativeArrayRecord, ResetForgetsPairsWithoutDestroyingThem) {
     // The record stays usable.
     record.AddCouple("c", "3");
     EXPECT_STREQ(record.ToString(false, false), "1 '1 c '1 3 ");
+}
+
+TEST(AssociativeArrayRecord, ObjectsOutliveTheRecordThatMadeThem) {
+    // Read from one text form, the objects share blocks; each one taken out of the record
+    // lives on after the record and the other objects are gone.
+    CAssociativeArray source;
+    for (int i = 0; i < 150; ++i) source.AddCouple(("k" + std::to_string(i)).c_str(), ("value " + std::to_string(i)).c_str());
+    std::string const text = source.ToStringRef(false, false).stdString();
+    std::vector<std::pair<RWCollectable*, RWCollectable*>> taken;
+    {
+        CAssociativeArray record;
+        record.FromStringZ1(text);
+        ASSERT_EQ(pairsOf(record), pairsOf(source));
+        for (int i = 0; i < 150; i += 37) {
+            RWCollectableString const probe(("k" + std::to_string(i)).c_str());
+            RWCollectable* value = nullptr;
+            RWCollectable* key = record.removeKeyAndValue(&probe, value);
+            ASSERT_NE(key, nullptr);
+            taken.emplace_back(key, value);
+        }
+        record.AddCouple("k1", "replaced");  // the old value goes back on its own
+        EXPECT_STREQ(record.GetValueOfParameter("k1"), "replaced");
+    }
+    for (size_t n = 0; n < taken.size(); ++n) {
+        std::string const i = std::to_string(n * 37);
+        EXPECT_EQ(static_cast<RWCollectableString*>(taken[n].first)->stdString(), "k" + i);
+        EXPECT_EQ(static_cast<RWCollectableString*>(taken[n].second)->stdString(), "value " + i);
+        delete taken[n].second;
+        delete taken[n].first;
+    }
+}
+
+TEST(AssociativeArrayRecord, ObjectsOfOtherKindsAreWrittenAndDestroyed) {
+    // Pairs put in through the dictionary's own interface: a plain string key with an int
+    // value is written with an empty value, a plain string value with its text.
+    CAssociativeArray record;
+    record.insertKeyAndValue(new RWCollectableString("n"), new RWCollectableInt(5));
+    EXPECT_STREQ(record.ToString(false, false), "1 '1 n '0  ");
+    RWCollectableString const n("n");
+    record.removeAndDestroy(&n);
+    record.insertKeyAndValue(new RWCollectableString("s"), new RWCollectableString("text"));
+    EXPECT_STREQ(record.ToString(false, false), "1 '1 s '4 text ");
+    EXPECT_STREQ(record.GetValueOfParameter("s"), "text");
+    record.AddCouple("s", "made here");  // the plain value is replaced and destroyed
+    EXPECT_STREQ(record.ToString(false, false), "1 '1 s '9 made here ");
 }
 
 TEST(AssociativeArrayRecord, MoveConstructorStealsThePairs) {

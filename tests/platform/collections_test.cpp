@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <new>
 #include <set>
 #include <string>
 
@@ -170,6 +171,72 @@ TEST_F(CollectionsTest, GrowsToOneHundredThousandEntries) {
     RWCollectableString missing("key100000");
     EXPECT_EQ(d.findValue(&missing), nullptr);
     d.clearAndDestroy();
+}
+
+TEST_F(CollectionsTest, ReserveKeepsEveryEntryAndForgetsRemovedOnes) {
+    RWHashDictionary d(4);
+    for (int i = 0; i < 40; ++i) d.insertKeyAndValue(new Tracked(("k" + std::to_string(i)).c_str()), nullptr);
+    for (int i = 0; i < 40; i += 3) {
+        RWCollectableString const probe(("k" + std::to_string(i)).c_str());
+        d.removeAndDestroy(&probe);
+    }
+    size_t const kept = d.entries();
+    d.reserve(10);  // fewer than stored: nothing changes
+    d.reserve(5000);
+    EXPECT_EQ(d.entries(), kept);
+    for (int i = 0; i < 40; ++i) {
+        RWCollectableString const probe(("k" + std::to_string(i)).c_str());
+        EXPECT_EQ(d.find(&probe) != nullptr, i % 3 != 0) << i;
+    }
+    for (int i = 40; i < 5000; ++i) d.insertKeyAndValue(new Tracked(("k" + std::to_string(i)).c_str()), nullptr);
+    std::set<std::string> walked;
+    RWHashDictionaryIterator next(d);
+    while (RWCollectable* key = next()) walked.insert(static_cast<RWCollectableString*>(key)->stdString());
+    EXPECT_EQ(walked.size(), kept + 4960);
+    d.clearAndDestroy();
+}
+
+TEST_F(CollectionsTest, PutValueIfAddsOrReplacesInOneProbe) {
+    RWHashDictionary d(2);
+    auto const put = [&d](std::string const& key, RWCollectable* value, RWCollectable*& old, bool& made) {
+        made = false;
+        return d.putValueIf(RWCString::hash(key.data(), key.size()),
+                            [&key](RWCollectable const* k) { return static_cast<RWCollectableString const*>(k)->view() == key; },
+                            value, [&] { made = true; return new Tracked(key.c_str()); }, old);
+    };
+    RWCollectable* old = nullptr;
+    bool made = false;
+    auto* one = new Tracked("1");
+    EXPECT_EQ(put("a", one, old, made), nullptr);  // added
+    EXPECT_TRUE(made);
+    EXPECT_EQ(old, nullptr);
+    auto* two = new Tracked("2");
+    RWCollectable* const key = put("a", two, old, made);  // replaced: the stored key is kept
+    ASSERT_NE(key, nullptr);
+    EXPECT_FALSE(made);
+    EXPECT_EQ(old, one);
+    delete old;
+    RWCollectableString const probeA("a");
+    EXPECT_EQ(d.findValue(&probeA), two);
+    EXPECT_EQ(d.entries(), 1u);
+
+    // A removed slot is taken again, and a key maker that throws stores nothing.
+    d.removeAndDestroy(&probeA);
+    EXPECT_EQ(d.entries(), 0u);
+    auto* three = new Tracked("3");
+    EXPECT_THROW(d.putValueIf(RWCString::hash("a", 1), [](RWCollectable const*) { return true; }, three,
+                              []() -> RWCollectable* { throw std::bad_alloc(); }, old),
+                 std::bad_alloc);
+    EXPECT_EQ(d.entries(), 0u);
+    EXPECT_EQ(put("a", three, old, made), nullptr);
+    EXPECT_EQ(d.findValue(&probeA), three);
+    for (int i = 0; i < 100; ++i) put("k" + std::to_string(i), new Tracked("v"), old, made);  // grows on the way
+    EXPECT_EQ(d.entries(), 101u);
+    RWCollectableString const probe99("k99");
+    EXPECT_NE(d.findValue(&probe99), nullptr);
+    gDestroyed = 0;
+    d.clearAndDestroy();
+    EXPECT_EQ(gDestroyed, 202);
 }
 
 TEST_F(CollectionsTest, HashTableKeepsDuplicatesAndMatchesByIsEqual) {

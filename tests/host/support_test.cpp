@@ -5,6 +5,7 @@
 
 #include "children.h"
 #include "envscope.h"
+#include "files.h"
 #include "nlog.h"
 #include "nsocket.h"
 #include "tagscope.h"
@@ -27,18 +28,6 @@ std::string const kRule = "\n" + std::string(79, '=') + "\n";
 char const kNotAvailable[] = "Not Available - failed on creation";
 
 bool gExists(std::string const& path) { return access(path.c_str(), F_OK) == 0; }
-
-std::string gRead(std::string const& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-void gWrite(std::string const& path, std::string const& text, mode_t mode = 0644) {
-    std::ofstream(path, std::ios::binary) << text;
-    chmod(path.c_str(), mode);
-}
 
 using nTagScope::Line;
 using nTagScope::TagScope;
@@ -79,7 +68,7 @@ protected:
 
     // A stand-in tool: prints "<name>:<arguments>" and exits with `status`.
     void tool(char const* name, int status) {
-        gWrite(mBin + "/" + name, "#!/bin/sh\necho \"" + std::string(name) + ":$*\"\nexit " + std::to_string(status) + "\n",
+        gWriteFile(mBin + "/" + name, "#!/bin/sh\necho \"" + std::string(name) + ":$*\"\nexit " + std::to_string(status) + "\n",
                0755);
     }
     void tools(int ifconfig, int uname, int lscpu, int lsblk, int cat) {
@@ -108,7 +97,7 @@ protected:
 
 TEST_F(SupportTest, CommandsAnsweringNonZeroCountAsSuccess) {
     tools(1, 2, 3, 4, 5);
-    gWrite(mQrBin + "/vantage.ini", "[main]\nColloquyAnsiConversion_patch=1\n");
+    gWriteFile(mQrBin + "/vantage.ini", "[main]\nColloquyAnsiConversion_patch=1\n");
     CAssociativeArray db(16);
     EXPECT_TRUE(mGenerator.CreateInformationDB(db));
 
@@ -140,7 +129,7 @@ TEST_F(SupportTest, CommandAnsweringZeroCountsAsFailureAndLeavesTheFiles) {
     EXPECT_STREQ(db.GetValueOfParameter("$VANTAGEINI"), "Not Found");  // QR_BIN holds no vantage.ini
     EXPECT_EQ(lines(), (std::vector<Line>{{"Warning", 494,
                                            "failed to get ifconfig output with command: \t" + ifconfigCommand()}}));
-    EXPECT_EQ(gRead(interfacePath()), "ifconfig:-a -v\n");  // left where it was written
+    EXPECT_EQ(gReadFile(interfacePath()), "ifconfig:-a -v\n");  // left where it was written
     EXPECT_FALSE(gExists(systemPath()));
 }
 
@@ -171,7 +160,7 @@ TEST_F(SupportTest, EachSystemStepStopsTheGatheringWhenItAnswersZero) {
         ASSERT_EQ(all.size(), 3u) << step.line;
         EXPECT_EQ(all[1], (Line{"Warning", 414, "doing GenerateLinuxInfo()"}));
         EXPECT_EQ(all[2], (Line{"Warning", step.line, step.failure + std::string("\t") + command(step.prefix)}));
-        EXPECT_EQ(gRead(systemPath()), step.written);
+        EXPECT_EQ(gReadFile(systemPath()), step.written);
         EXPECT_TRUE(gExists(interfacePath()));
     }
 }
@@ -218,7 +207,7 @@ TEST_F(SupportTest, ShellMetacharactersInTheHostNameRunNothing) {
 
 TEST_F(SupportTest, ConfigurationFileFoundOrNot) {
     tools(0, 0, 0, 0, 0);
-    gWrite(mQrBin + "/vantage.ini", std::string("a=1\n\0b=2\n", 9));
+    gWriteFile(mQrBin + "/vantage.ini", std::string("a=1\n\0b=2\n", 9));
     CAssociativeArray found(16);
     mGenerator.CreateInformationDB(found);
     char const* data = nullptr;
@@ -257,7 +246,7 @@ TEST_F(SupportTest, HelpersStatusDirectoryAndFiles) {
     EXPECT_FALSE(mGenerator.AddFileToDB("k", mWork.c_str(), db));
     EXPECT_EQ(db.entries(), 0u);
     std::string const big(100000, 'x');
-    gWrite(mWork + "/big", big);
+    gWriteFile(mWork + "/big", big);
     EXPECT_TRUE(mGenerator.AddFileToDB("k", (mWork + "/big").c_str(), db));
     EXPECT_EQ(db.GetValueOfParameter("k"), big);
 }
@@ -280,7 +269,7 @@ protected:
             bool const r = mGenerator.GenerateReportFile(out, db);
             if (result) *result = r;
         }
-        return gRead(path);
+        return gReadFile(path);
     }
 };
 

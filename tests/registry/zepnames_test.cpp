@@ -36,20 +36,11 @@ TEST(Address, SplitsAtTheFirstTwoTokens) {
 }
 
 TEST(Address, JoinsWithTheSeparatorAlwaysWritten) {
-    CColloquyAddress const both("agent", "host7");
-    EXPECT_EQ(both.namePart, "agent");
-    EXPECT_EQ(both.hostPart, "host7");
-    EXPECT_EQ(both.fullAddress, "agent@host7");
-    EXPECT_EQ(CColloquyAddress("agent", "").fullAddress, "agent@");
-    EXPECT_EQ(CColloquyAddress("", "host7").fullAddress, "@host7");
-    EXPECT_EQ(CColloquyAddress("", "").fullAddress, "@");
-
-    // Parts holding the separator are joined as they are; splitting the result differs.
-    CColloquyAddress const joined("a@b", "c");
-    EXPECT_EQ(joined.fullAddress, "a@b@c");
-    CColloquyAddress const split(joined.fullAddress.c_str());
-    EXPECT_EQ(split.namePart, "a");
-    EXPECT_EQ(split.hostPart, "b");
+    Split const cases[] = {
+        {"agent@host7", "agent", "host7"}, {"agent@", "agent", ""}, {"@host7", "", "host7"}, {"@", "", ""},
+        {"a@b@c", "a@b", "c"},  // parts holding the separator are joined as they are
+    };
+    for (Split const& c : cases) EXPECT_EQ(CColloquyAddress(c.name, c.host).fullAddress, c.text) << c.text;
 }
 
 TEST(Address, NullTextIsAClearError) {

@@ -80,7 +80,6 @@ TEST(SocketLayer, ListenerConnectAndAcceptOverIPv4IPv6AndNames) {
     }
     nSock::gDelete(listener);
     EXPECT_EQ(nSock::gLocalPort(nSock::gInvalidHandle()), 0);
-    EXPECT_FALSE(nSock::gGetLocalHostName().isNull());
 }
 
 TEST(SocketLayer, FailuresThrowNamingHostPortAndSystemError) {
@@ -151,13 +150,6 @@ TEST(SocketLayer, ReceivesExactCountsAcrossFragmentsAndReadAhead) {
     bulk.join();
     EXPECT_EQ(got, large);
 
-    // The same as the first receive of a connection, before any read-ahead.
-    LayerPair fresh;
-    std::thread direct([&] { rawSend(fresh.peer, large); });
-    ASSERT_TRUE(fresh.receive(got, large.size(), patience()));
-    direct.join();
-    EXPECT_EQ(got, large);
-
     EXPECT_TRUE(nSock::gReceive(pair.handle, 0, nullptr, false, patience()));
     EXPECT_FALSE(nSock::gReceive(pair.handle, -1, reinterpret_cast<char*>(got.data()), false, patience()));
 }
@@ -201,25 +193,15 @@ TEST(SocketLayer, TheContinuationFlagChoosesTheLimit) {
     EXPECT_FALSE(pair.receive(got, 8, &latency, true));
     EXPECT_EQ(latency.firsts, 1);
     EXPECT_EQ(latency.continuations, 1);
-    nSock::cFixedLatencyConfiguration fixed(nTime::cDiff(1), nTime::cDiff(2));
-    EXPECT_EQ(fixed.receiveLimit(false), nTime::cDiff(1));
-    EXPECT_EQ(fixed.receiveLimit(true), nTime::cDiff(2));
 }
 
 TEST(SocketLayer, ReceiveEndsWhenThePeerClosesOrResets) {
-    {
+    for (bool reset : {false, true}) {
         LayerPair pair;
         rawSend(pair.peer, bytesOf("abc"));
-        pair.peer.reset();
-        Bytes got;
-        EXPECT_FALSE(pair.receive(got, 4, patience()));
-    }
-    {
-        LayerPair pair;
-        rawSend(pair.peer, bytesOf("abc"));
-        pair.peer.abort();
-        Bytes got;
-        EXPECT_FALSE(pair.receive(got, 4, nullptr));  // a reset ends even an unbounded wait
+        reset ? pair.peer.abort() : pair.peer.reset();
+        Bytes got;  // a reset ends even an unbounded wait
+        EXPECT_FALSE(pair.receive(got, 4, reset ? nullptr : patience())) << reset;
     }
 }
 
@@ -264,30 +246,14 @@ TEST(SocketLayer, SignalsDoNotInterruptATransfer) {
 TEST(SocketLayer, CloseEndsTheConnectionForEveryCopyOfTheHandle) {
     LayerPair pair;
     nSock::cHandleOptional copy(pair.handle);
-    EXPECT_TRUE(nSock::gIsValid(copy));
     EXPECT_TRUE(nSock::gClose(pair.handle));
     EXPECT_TRUE(rawSeesEnd(pair.peer));
     EXPECT_FALSE(nSock::gIsValid(copy));
-    EXPECT_FALSE(nSock::gIsValid(pair.handle));
     EXPECT_FALSE(nSock::gClose(pair.handle));
     char c = 0;
     EXPECT_FALSE(nSock::gSend(pair.handle, 1, &c));
     EXPECT_FALSE(nSock::gReceive(pair.handle, 1, &c, false, patience()));
     nSock::gDelete(nSock::gInvalidHandle());  // ignored
-}
-
-TEST(SocketLayer, SendingToAPeerThatHasGoneFailsWithoutASignal) {
-    struct sigaction fatal {};
-    fatal.sa_handler = SIG_DFL;  // SIGPIPE would end the test program
-    struct sigaction previous {};
-    ASSERT_EQ(::sigaction(SIGPIPE, &fatal, &previous), 0);
-    LayerPair pair;
-    pair.peer.reset();
-    std::vector<char> chunk(64 * 1024, 'x');
-    bool sent = true;
-    for (int i = 0; i < 100 && sent; ++i) sent = nSock::gSend(pair.handle, static_cast<int>(chunk.size()), chunk.data());
-    EXPECT_FALSE(sent);
-    ::sigaction(SIGPIPE, &previous, nullptr);
 }
 
 }  // namespace

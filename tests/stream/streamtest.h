@@ -16,11 +16,7 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <condition_variable>
-#include <cstdio>
-#include <cstdlib>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -95,17 +91,6 @@ inline RawFd rawAccept(RawFd const& listener) {
     return RawFd(::accept(listener.get(), nullptr, nullptr));
 }
 
-inline RawFd rawConnect(unsigned short port) {
-    RawFd fd(::socket(AF_INET, SOCK_STREAM, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(port);
-    if (::connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
-        ADD_FAILURE() << "raw connect";
-    return fd;
-}
-
 inline void rawSend(RawFd const& fd, Bytes const& bytes) {
     ASSERT_EQ(::send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
 }
@@ -156,32 +141,11 @@ struct StreamPair {
     std::unique_ptr<StreamSocket> server;
 };
 
-// Ends the process when a test runs longer than its bound (a hang would otherwise only be
-// caught by the test driver's time-out).
-class Watchdog {
-public:
-    explicit Watchdog(std::chrono::seconds bound)
-        : mThread([this, bound] {
-              std::unique_lock<std::mutex> lock(mMutex);
-              if (!mDone.wait_for(lock, bound, [this] { return mStopped; })) {
-                  std::fprintf(stderr, "watchdog: test exceeded its bound\n");
-                  std::abort();
-              }
-          }) {}
-    ~Watchdog() {
-        {
-            std::lock_guard<std::mutex> lock(mMutex);
-            mStopped = true;
-        }
-        mDone.notify_one();
-        mThread.join();
-    }
-
-private:
-    std::mutex mMutex;
-    std::condition_variable mDone;
-    bool mStopped = false;
-    std::thread mThread;
+// Ends the process (SIGALRM) when a test runs longer than its bound: a hang would otherwise
+// only be caught by the test driver's time-out.
+struct Watchdog {
+    explicit Watchdog(std::chrono::seconds bound) { ::alarm(static_cast<unsigned>(bound.count())); }
+    ~Watchdog() { ::alarm(0); }
 };
 
 }  // namespace nStreamTest

@@ -1,4 +1,5 @@
-// Test helpers for log records: switching a tag for one test, and records in short form.
+// Test helpers for log records: switching a tag for one test, records in short form, and the
+// Error records written during one scope.
 #ifndef COLLOQUY_TESTS_TAGSCOPE_H
 #define COLLOQUY_TESTS_TAGSCOPE_H
 
@@ -7,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -37,6 +39,26 @@ inline std::vector<Line> gLines(nLog::cCapture const& capture, std::string const
     }
     return lines;
 }
+
+// Switches the Error tag for one scope and captures the records written meanwhile.
+class ErrorRecords {
+public:
+    explicit ErrorRecords(bool on = true) : mTag("Error", on) {}
+    // Number of Error records written from the library's source `module`.
+    std::size_t count(std::string const& module) const {
+        std::size_t n = 0;
+        for (nLog::cRecord const& r : mCapture.records())
+            n += r.tag == "Error" && r.module == "ColloquyUtil" && r.file == "../src/" + module;
+        return n;
+    }
+    std::size_t total() const { return mCapture.records().size(); }
+    std::vector<nLog::cRecord> const& records() const { return mCapture.records(); }
+    void clear() { mCapture.clear(); }
+
+private:
+    TagScope mTag;
+    nLog::cCapture mCapture;
+};
 
 }  // namespace nTagScope
 

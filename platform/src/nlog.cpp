@@ -22,12 +22,12 @@ namespace {
 class cDefaults {
 public:
     cDefaults() {
-        char const* spec = std::getenv("COLLOQUY_LOG");
-        if (!spec) {
+        char const* chosen = std::getenv("COLLOQUY_LOG");
+        if (!chosen) {
             mNamed = {"Error", "Warning", "Execution"};
             return;
         }
-        std::string const all(spec);
+        std::string const all(chosen);
         size_t start = 0;
         while (start <= all.size()) {
             size_t end = all.find(',', start);

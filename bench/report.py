@@ -11,7 +11,7 @@ import sys
 
 # Programs whose benchmarks are named <workload>/<library>[/arguments]: one table per workload.
 COMPARED = ("record_peers_bench", "transport_peers_bench")
-COUNTERS = ("items_per_second", "rx_cpu_us", "rx_syscalls", "cpu_us")
+COUNTERS = ("items_per_second", "rx_cpu_us", "rx_syscalls", "cpu_us", "rx_queue_kib")
 
 
 def load(directory, program):

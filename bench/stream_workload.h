@@ -15,11 +15,13 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <stdexcept>
@@ -176,12 +178,36 @@ private:
     long mCalls;
 };
 
-// Receives one message and releases its body; false when that failed or the size differs.
+// Bytes waiting in the kernel's receive queue of a connection's socket, -1 for a connection
+// that has no single socket.
+inline int queuedBytesOn(int fd) {
+    int bytes = 0;
+    return ::ioctl(fd, FIONREAD, &bytes) == 0 ? bytes : -1;
+}
 template <class Connection>
-bool receiveOne(Connection& connection, int size) {
+int queuedBytes(Connection const&) {
+    return -1;
+}
+inline int queuedBytes(RawConnection const& c) { return queuedBytesOn(c.fd); }
+inline int queuedBytes(LibraryConnection const& c) { return queuedBytesOn(c.socket->GetHandle().descriptor()); }
+
+// Stands in for what a receiver does with a message: `rounds` dependent steps over its bytes
+// (each round costs a few nanoseconds), so that the receiver, not the sender, sets the pace.
+inline uint32_t digest(char const* body, int length, int rounds) {
+    uint32_t h = 2166136261u;
+    for (int r = 0; r < rounds; ++r)
+        for (int i = 0; i < length; i += 16) h = (h ^ static_cast<unsigned char>(body[i])) * 16777619u;
+    return h;
+}
+
+// Receives one message, digests it and releases its body; false when that failed or the
+// size differs.
+template <class Connection>
+bool receiveOne(Connection& connection, int size, int rounds = 0) {
     char* body = nullptr;
     int length = 0;
     if (!connection.receive(body, length)) return false;
+    if (rounds > 0) benchmark::DoNotOptimize(digest(body, length, rounds));
     connection.release(body);
     return length == size;
 }
@@ -196,9 +222,14 @@ void finish(benchmark::State& state, ThreadCost& cost, Connection& mine, std::th
     state.SetItemsProcessed(state.iterations());
 }
 
+// One-way: range(0) is the message size, range(1) the rounds of work per message.
+// rx_queue_kib is the mean of the receiver's kernel queue, sampled every 256 messages: a
+// receiver that lags keeps a deep queue (the sender then appends to large segments), one that
+// keeps up keeps it shallow (every message is a segment of its own).
 template <class Connection>
 void OneWay(benchmark::State& state) {
     int const size = static_cast<int>(state.range(0));
+    int const rounds = static_cast<int>(state.range(1));
     Connection sender, receiver;
     makePair(sender, receiver);
     std::thread feeder([&] {
@@ -206,12 +237,22 @@ void OneWay(benchmark::State& state) {
         while (sender.send(body.get(), size)) {
         }
     });
+    double queued = 0;
+    int64_t samples = 0, received = 0;
     ThreadCost cost;
-    for (auto _ : state)
-        if (!receiveOne(receiver, size)) {
+    for (auto _ : state) {
+        if (!receiveOne(receiver, size, rounds)) {
             state.SkipWithError("receive failed");
             break;
         }
+        if ((++received & 255) == 0) {
+            if (int bytes = queuedBytes(receiver); bytes >= 0) {
+                queued += bytes;
+                ++samples;
+            }
+        }
+    }
+    if (samples > 0) state.counters["rx_queue_kib"] = queued / samples / 1024;
     finish(state, cost, receiver, feeder);
     state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(size));
 }

@@ -109,12 +109,12 @@ using benchstream::OneWay;
 using benchstream::PingPong;
 using benchstream::RawConnection;
 
-BENCHMARK_TEMPLATE(OneWay, RawConnection)->Name("OneWay100B/raw")->Arg(100)->UseRealTime();
-BENCHMARK_TEMPLATE(OneWay, LibraryConnection)->Name("OneWay100B/ours")->Arg(100)->UseRealTime();
-BENCHMARK_TEMPLATE(OneWay, ZmqPushPull)->Name("OneWay100B/zeromq")->Arg(100)->UseRealTime();
-BENCHMARK_TEMPLATE(OneWay, RawConnection)->Name("OneWay1MiB/raw")->Arg(1 << 20)->UseRealTime();
-BENCHMARK_TEMPLATE(OneWay, LibraryConnection)->Name("OneWay1MiB/ours")->Arg(1 << 20)->UseRealTime();
-BENCHMARK_TEMPLATE(OneWay, ZmqPushPull)->Name("OneWay1MiB/zeromq")->Arg(1 << 20)->UseRealTime();
+BENCHMARK_TEMPLATE(OneWay, RawConnection)->Name("OneWay100B/raw")->Args({100, 0})->UseRealTime();
+BENCHMARK_TEMPLATE(OneWay, LibraryConnection)->Name("OneWay100B/ours")->Args({100, 0})->UseRealTime();
+BENCHMARK_TEMPLATE(OneWay, ZmqPushPull)->Name("OneWay100B/zeromq")->Args({100, 0})->UseRealTime();
+BENCHMARK_TEMPLATE(OneWay, RawConnection)->Name("OneWay1MiB/raw")->Args({1 << 20, 0})->UseRealTime();
+BENCHMARK_TEMPLATE(OneWay, LibraryConnection)->Name("OneWay1MiB/ours")->Args({1 << 20, 0})->UseRealTime();
+BENCHMARK_TEMPLATE(OneWay, ZmqPushPull)->Name("OneWay1MiB/zeromq")->Args({1 << 20, 0})->UseRealTime();
 BENCHMARK_TEMPLATE(PingPong, RawConnection)->Name("PingPong100B/raw")->Arg(100)->UseRealTime();
 BENCHMARK_TEMPLATE(PingPong, LibraryConnection)->Name("PingPong100B/ours")->Arg(100)->UseRealTime();
 BENCHMARK_TEMPLATE(PingPong, ZmqReqRep)->Name("PingPong100B/zeromq")->Arg(100)->UseRealTime();

@@ -144,11 +144,6 @@ TEST(AssociativeArrayRecord, ExceptionsAreKZErrorExceptions) {
     EXPECT_STREQ(base.what(), "Illegal associative array syntax: bad text");
     EXPECT_EQ(std::string(base.vGetErrorMsg_iKZException().data()), base.what());
 
-    CIllegalAssoSyntaxException const binary(std::string_view("a\0b", 3));
-    EXPECT_EQ(binary.arguments(), std::vector<std::string>{std::string("a\0b", 3)});
-    CAssoKeyDoesNotExistException const missing("k", "1 '1 k '0  ");
-    EXPECT_STREQ(missing.what(), "Key 'k' does not exist in: 1 '1 k '0  ");
-
     CAssociativeArrayException const wrapped(KZErrorException("other.frm", 3, "x", nullptr));
     EXPECT_STREQ(wrapped.messageFile(), "other.frm");
     EXPECT_EQ(wrapped.arguments(), std::vector<std::string>{"x"});

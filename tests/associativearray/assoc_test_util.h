@@ -28,8 +28,6 @@ inline Pairs pairsOf(CAssociativeArray& record) {
 
 using ::TagScope;
 
-inline std::string bytes(char const* text, size_t n) { return std::string(text, n); }
-
 }  // namespace assoctest
 
 #endif

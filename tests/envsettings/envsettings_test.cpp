@@ -6,50 +6,40 @@
 
 #include <gtest/gtest.h>
 
-#include <climits>
-#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <string>
-#include <sys/stat.h>
-#include <unistd.h>
-#include <vector>
+
+namespace fs = std::filesystem;
 
 namespace {
 
-// A scratch directory holding settings files; restores the working directory and QR_BIN.
+std::string property(int handle, char const* key) { return nEnvSettings::gGetPropertyStream(handle, key).stdString(); }
+
+// A scratch directory for settings files; restores the working directory and QR_BIN.
 class Settings : public ::testing::Test {
 protected:
     void SetUp() override {
         char pattern[] = "/tmp/envsettings_test_XXXXXX";
         ASSERT_NE(mkdtemp(pattern), nullptr);
         mDir = pattern;
-        char cwd[PATH_MAX];
-        ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
-        mCwd = cwd;
     }
     void TearDown() override {
-        EXPECT_EQ(chdir(mCwd.c_str()), 0);
-        for (std::string const& f : mFiles) std::remove(f.c_str());
-        for (auto d = mSubdirs.rbegin(); d != mSubdirs.rend(); ++d) rmdir(d->c_str());
-        rmdir(mDir.c_str());
+        fs::current_path(mCwd);
+        fs::remove_all(mDir);
     }
+    // Writes `text` to `relative`, making its directory, and gives the path.
     std::string write(std::string const& relative, std::string const& text) {
-        std::string const path = mDir + "/" + relative;
+        fs::path const path = mDir / relative;
+        fs::create_directories(path.parent_path());
         std::ofstream(path, std::ios::binary) << text;
-        mFiles.push_back(path);
-        return path;
-    }
-    std::string subdir(std::string const& name) {
-        std::string const path = mDir + "/" + name;
-        EXPECT_EQ(mkdir(path.c_str(), 0700), 0);
-        mSubdirs.push_back(path);
         return path;
     }
 
-    std::string mDir, mCwd;
-    EnvScope mQrBin{"QR_BIN", std::getenv("QR_BIN")};  // restored after each test
-    std::vector<std::string> mFiles, mSubdirs;
+    fs::path mDir;
+    fs::path const mCwd = fs::current_path();
+    EnvScope mQrBin{"QR_BIN", std::getenv("QR_BIN")};
 };
 
 TEST_F(Settings, IniRules) {
@@ -73,39 +63,27 @@ TEST_F(Settings, IniRules) {
     std::pair<char const*, char const*> const expected[] = {
         {"top", "1"}, {"spaced key", "spaced value"}, {"dup", "first"}, {"eq", "a=b"}, {"empty", ""},
         {"no equals sign", ""}, {"# another", ""}, {"first", ""}, {"Top", ""}};
-    for (auto const& [key, value] : expected)
-        EXPECT_EQ(nEnvSettings::gGetPropertyStream(handle, key).stdString(), value) << key;
+    for (auto const& [key, value] : expected) EXPECT_EQ(property(handle, key), value) << key;
 }
 
 TEST_F(Settings, BareNamesAreFoundInTheCurrentDirectoryThenInQrBin) {
-    std::string const bin = subdir("bin");
-    std::string const work = subdir("work");
     write("bin/vantage.ini", "where=bin\nonly=bin\n");
-    setenv("QR_BIN", bin.c_str(), 1);
-    ASSERT_EQ(chdir(work.c_str()), 0);
-    {
+    setenv("QR_BIN", (mDir / "bin").c_str(), 1);
+    fs::create_directory(mDir / "work");
+    fs::current_path(mDir / "work");
+    // A table of its own per lookup: the value read, marked when no file was found.
+    auto lookup = [](char const* name, char const* key = "where") {
         QREnvContainerClass table;
         int handle = 0;
-        ASSERT_TRUE(nEnvSettings::gFileInitTable(table, "vantage.ini", handle));
-        EXPECT_EQ(nEnvSettings::gGetPropertyStream(handle, "where").stdString(), "bin");
-    }
+        bool const found = nEnvSettings::gFileInitTable(table, name, handle);
+        return (found ? "" : "not found:") + property(handle, key);
+    };
+    EXPECT_EQ(lookup("vantage.ini"), "bin");
     write("work/vantage.ini", "where=work\n");
-    {
-        QREnvContainerClass table;
-        int handle = 0;
-        ASSERT_TRUE(nEnvSettings::gFileInitTable(table, "vantage.ini", handle));
-        EXPECT_EQ(nEnvSettings::gGetPropertyStream(handle, "where").stdString(), "work");
-        EXPECT_EQ(nEnvSettings::gGetPropertyStream(handle, "only").stdString(), "");  // one file only
-    }
-    {
-        QREnvContainerClass table;
-        int handle = 0;
-        EXPECT_FALSE(nEnvSettings::gFileInitTable(table, "absent.ini", handle));
-        EXPECT_EQ(nEnvSettings::gGetPropertyStream(handle, "where").stdString(), "");
-        // A path with a macro is resolved, not searched for.
-        ASSERT_TRUE(nEnvSettings::gFileInitTable(table, "#(QR_BIN)/vantage.ini", handle));
-        EXPECT_EQ(nEnvSettings::gGetPropertyStream(handle, "where").stdString(), "bin");
-    }
+    EXPECT_EQ(lookup("vantage.ini"), "work");
+    EXPECT_EQ(lookup("vantage.ini", "only"), "");  // one file only
+    EXPECT_EQ(lookup("absent.ini"), "not found:");
+    EXPECT_EQ(lookup("#(QR_BIN)/vantage.ini"), "bin");  // a path with a macro is resolved, not searched for
 }
 
 TEST_F(Settings, HandlesLiveWithTheirTable) {
@@ -118,33 +96,30 @@ TEST_F(Settings, HandlesLiveWithTheirTable) {
         QREnvContainerClass other;
         ASSERT_FALSE(nEnvSettings::gFileInitTable(other, (path + ".missing").c_str(), second));
         EXPECT_NE(handle, second);
-        EXPECT_EQ(nEnvSettings::gGetPropertyStream(handle, "k").stdString(), "v");
-        EXPECT_EQ(nEnvSettings::gGetPropertyStream(second, "k").stdString(), "");
+        EXPECT_EQ(property(handle, "k"), "v");
+        EXPECT_EQ(property(second, "k"), "");
     }
-    EXPECT_EQ(nEnvSettings::gGetPropertyStream(handle, "k").stdString(), "");
-    EXPECT_EQ(nEnvSettings::gGetPropertyStream(-5, "k").stdString(), "");
-    EXPECT_EQ(nEnvSettings::gGetPropertyStream(handle, nullptr).stdString(), "");
+    EXPECT_EQ(property(handle, "k"), "");
+    EXPECT_EQ(property(-5, "k"), "");
+    EXPECT_EQ(property(handle, nullptr), "");
 }
 
 TEST_F(Settings, MacrosExpandFromTheEnvironment) {
     QREnvContainerClass table;
-    setenv("ENVSETTINGS_TEST_DIR", "/opt/x", 1);
-    unsetenv("ENVSETTINGS_TEST_UNSET");
-    EXPECT_EQ(table.QRERuntimeResolve("#(ENVSETTINGS_TEST_DIR)/a/#(ENVSETTINGS_TEST_DIR)").stdString(), "/opt/x/a//opt/x");
-    EXPECT_EQ(table.QRERuntimeResolve("a#(ENVSETTINGS_TEST_UNSET)b").stdString(), "ab");
-    EXPECT_EQ(table.QRERuntimeResolve("keep #(open").stdString(), "keep #(open");
-    EXPECT_EQ(table.QRERuntimeResolve("no macro").stdString(), "no macro");
-    EXPECT_EQ(table.QRERuntimeResolve(nullptr).stdString(), "");
+    auto resolve = [&table](char const* text) { return table.QRERuntimeResolve(text).stdString(); };
+    EnvScope set("ENVSETTINGS_TEST_DIR", "/opt/x"), unset("ENVSETTINGS_TEST_UNSET", nullptr);
+    EXPECT_EQ(resolve("#(ENVSETTINGS_TEST_DIR)/a/#(ENVSETTINGS_TEST_DIR)"), "/opt/x/a//opt/x");
+    EXPECT_EQ(resolve("a#(ENVSETTINGS_TEST_UNSET)b"), "ab");
+    EXPECT_EQ(resolve("keep #(open"), "keep #(open");
+    EXPECT_EQ(resolve("no macro"), "no macro");
+    EXPECT_EQ(resolve(nullptr), "");
     setenv("QR_BIN", "/set/bin", 1);
-    EXPECT_EQ(table.QRERuntimeResolve("#(QR_BIN)/vantage.ini").stdString(), "/set/bin/vantage.ini");
+    EXPECT_EQ(resolve("#(QR_BIN)/vantage.ini"), "/set/bin/vantage.ini");
     // Unset, QR_BIN is the directory of this test program.
     unsetenv("QR_BIN");
     char const* const binaryDir = std::getenv("COLLOQUY_TEST_BINARY_DIR");
     ASSERT_NE(binaryDir, nullptr);
-    char expected[PATH_MAX], actual[PATH_MAX];
-    ASSERT_NE(realpath(binaryDir, expected), nullptr);
-    ASSERT_NE(realpath(table.QRERuntimeResolve("#(QR_BIN)").data(), actual), nullptr);
-    EXPECT_STREQ(actual, expected);
+    EXPECT_EQ(fs::canonical(resolve("#(QR_BIN)")), fs::canonical(binaryDir));
 }
 
 }  // namespace

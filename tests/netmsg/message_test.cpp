@@ -1,5 +1,8 @@
-// The message envelope on valid buffers: the packed image, reading back, re-addressing,
-// taking over typed messages, the printed line and the Error records.
+// The message envelope: the packed image, reading back, re-addressing, taking over typed
+// messages, the printed line and the Error records; and messages made from bytes that came
+// over the network, where whatever the bytes nothing is read outside the buffer (each case gets
+// a heap copy of exactly its size, which the sanitizer build watches) and a malformed buffer
+// maps to empty texts, no body and all-bits-one numbers.
 #include "netmsg.h"
 #include "zeppackmsg.h"
 
@@ -10,6 +13,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -26,36 +30,29 @@ cColloquyMessage* newExample() {
 
 std::string const kExampleBytes = "8 6 4 6 6 2 2 2 4 "s + "hostB\0svc\0hostA\0agent\0"s + "3\0"s + "hi"s + "7\0"s +
                                   "352\0"s;
+char const kExampleLine[] = "ColloquyMessage: , Message len:2, type (1,2), QType=3 from agent@hostA to svc@hostB\n";
 
 std::string packedBytes(cColloquyMessage const& m) { return std::string(m.packedBuffer, m.packedLen); }
 std::string bodyBytes(cColloquyMessage const& m) { return std::string(m.body, m.bodyLen); }
 
-bool pointsInto(char const* p, cColloquyMessage const& m) {
-    return p >= m.packedBuffer && p < m.packedBuffer + m.packedLen;
-}
-
 void expectViewsIntoOwnBuffer(cColloquyMessage const& m) {
-    for (char const* p : {m.toHost, m.toName, m.fromHost, m.fromName, m.body}) EXPECT_TRUE(pointsInto(p, m));
+    for (char const* p : {m.toHost, m.toName, m.fromHost, m.fromName, m.body})
+        EXPECT_TRUE(p >= m.packedBuffer && p < m.packedBuffer + m.packedLen);
 }
 
-// A heap copy of exactly the packed bytes, as a typed message's body.
-char* heapCopy(std::string const& bytes) {
-    char* copy = new char[bytes.size()];
-    std::memcpy(copy, bytes.data(), bytes.size());
+// A heap copy of exactly the bytes (never null, even when empty).
+std::unique_ptr<char[]> exactCopy(std::string const& bytes) {
+    std::unique_ptr<char[]> copy(new char[bytes.size()]);
+    std::memcpy(copy.get(), bytes.data(), bytes.size());
     return copy;
 }
 
-// Records its own destruction, so that a test can see the typed message deleted virtually.
-struct WatchedTypedMessage : cTypedMessageObject {
-    WatchedTypedMessage(char* data, unsigned int length, bool* gone)
-        : cTypedMessageObject(5, 6, data, length), gone(gone) {}
-    ~WatchedTypedMessage() override { *gone = true; }
-    bool* gone;
-};
-
-struct WatchedMessage : cColloquyMessage {
-    explicit WatchedMessage(bool* gone) : gone(gone) {}
-    ~WatchedMessage() override { *gone = true; }
+// Records its own destruction, so that a test can see a message deleted virtually.
+template <class Message>
+struct Watched : Message {
+    template <class... Args>
+    explicit Watched(bool* gone, Args... args) : Message(args...), gone(gone) {}
+    ~Watched() override { *gone = true; }
     bool* gone;
 };
 
@@ -66,8 +63,14 @@ TEST(Message, WorkedExamplePacksFiftyBytesAndPrintsItsLine) {
     EXPECT_EQ(m->formatStamp, 352u);
     EXPECT_EQ(bodyBytes(*m), "hi");
     expectViewsIntoOwnBuffer(*m);
-    EXPECT_STREQ(m->printOnString(), "ColloquyMessage: , Message len:2, type (1,2), QType=3 from agent@hostA to svc@hostB\n");
+    EXPECT_STREQ(m->printOnString(), kExampleLine);
     EXPECT_EQ(on.total(), 0u);
+    // packMe on a packed message changes nothing.
+    char* const before = m->packedBuffer;
+    m->userValue = 99;
+    m->packMe();
+    EXPECT_EQ(m->packedBuffer, before);
+    EXPECT_EQ(packedBytes(*m), kExampleBytes);
 }
 
 TEST(Message, ReadBackFromItsOwnBufferKeepsEveryMemberButTheShorts) {
@@ -89,30 +92,17 @@ TEST(Message, ReadBackFromItsOwnBufferKeepsEveryMemberButTheShorts) {
 }
 
 TEST(Message, SixOrNineFieldsGiveAllBitsOneNumbers) {
-    c_Pack const six("h", 2, "n", 2, "f", 2, "g", 2, "12", 3, "xyz", 3, kEnd);
-    cColloquyMessage fromSix(six.theBuffer, six.thePackedMsgLen(), 0, 0);
-    PCKFreeData(six.theBuffer);
-    EXPECT_EQ(fromSix.userValue, 0xFFFFFFFFu);
-    EXPECT_EQ(fromSix.formatStamp, 0xFFFFFFFFu);
-    EXPECT_EQ(fromSix.qType, 12);
-    EXPECT_EQ(bodyBytes(fromSix), "xyz");
-    EXPECT_STREQ(fromSix.fromName, "g");
-
-    c_Pack const nine("h", 2, "n", 2, "f", 2, "g", 2, "12", 3, "xyz", 3, "44", 3, "351", 4, "more", 4, kEnd);
-    cColloquyMessage fromNine(nine.theBuffer, nine.thePackedMsgLen(), 0, 0);
-    PCKFreeData(nine.theBuffer);
-    EXPECT_EQ(fromNine.userValue, 0xFFFFFFFFu);
-    EXPECT_EQ(fromNine.formatStamp, 0xFFFFFFFFu);
-    EXPECT_EQ(bodyBytes(fromNine), "xyz");
-}
-
-TEST(Message, PackMeOnAPackedMessageChangesNothing) {
-    std::unique_ptr<cColloquyMessage> m(newExample());
-    char* const before = m->packedBuffer;
-    m->userValue = 99;
-    m->packMe();
-    EXPECT_EQ(m->packedBuffer, before);
-    EXPECT_EQ(packedBytes(*m), kExampleBytes);
+    for (c_Pack const& pack : {c_Pack("h", 2, "n", 2, "f", 2, "g", 2, "12", 3, "xyz", 3, kEnd),
+                               c_Pack("h", 2, "n", 2, "f", 2, "g", 2, "12", 3, "xyz", 3, "44", 3, "351", 4, "more", 4, kEnd)}) {
+        SCOPED_TRACE(pack.theCount);
+        cColloquyMessage m(pack.theBuffer, pack.thePackedMsgLen(), 0, 0);
+        PCKFreeData(pack.theBuffer);
+        EXPECT_EQ(m.userValue, 0xFFFFFFFFu);
+        EXPECT_EQ(m.formatStamp, 0xFFFFFFFFu);
+        EXPECT_EQ(m.qType, 12);
+        EXPECT_EQ(bodyBytes(m), "xyz");
+        EXPECT_STREQ(m.fromName, "g");
+    }
 }
 
 TEST(Message, RePackMeReaddressesAndKeepsSenderBodyAndNumbers) {
@@ -132,11 +122,11 @@ TEST(Message, RePackMeReaddressesAndKeepsSenderBodyAndNumbers) {
     EXPECT_EQ(m.userValue, 7u);
 }
 
-TEST(Message, TypedMessageIsTakenOverAndDeleted) {
+TEST(Message, TypedMessagesAreTakenOverAndDeletionIsVirtual) {
     ErrorRecords on;
     bool gone = false;
-    char* data = heapCopy(kExampleBytes);
-    cColloquyMessage* m = ZEPTmo2Cqm(new WatchedTypedMessage(data, 50, &gone));
+    char* data = exactCopy(kExampleBytes).release();
+    cColloquyMessage* m = ZEPTmo2Cqm(new Watched<cTypedMessageObject>(&gone, 5, 6, data, 50u));
     EXPECT_TRUE(gone);
     EXPECT_EQ(m->packedBuffer, data);
     EXPECT_EQ(m->messageSubType, 6);
@@ -144,6 +134,12 @@ TEST(Message, TypedMessageIsTakenOverAndDeleted) {
     EXPECT_EQ(bodyBytes(*m), "hi");
     EXPECT_EQ(on.total(), 0u);
     ZEPDeleteMsg(m);
+
+    ZEPDeleteMsg(nullptr);
+    gone = false;
+    ZEPDeleteMsg(new Watched<cColloquyMessage>(&gone));
+    EXPECT_TRUE(gone);
+    cTypedMessageObject owner(1, 2, new char[10], 10);  // the sanitizer build reports a leak otherwise
 }
 
 TEST(Message, NullBodyEndsThePackedFieldList) {
@@ -152,14 +148,6 @@ TEST(Message, NullBodyEndsThePackedFieldList) {
     EXPECT_EQ(packedBytes(m), "5 2 2 2 2 2 a\0b\0c\0d\0"s + "4\0"s);
     EXPECT_EQ(m.body, nullptr);
     EXPECT_EQ(m.userValue, 0xFFFFFFFFu);
-}
-
-TEST(Message, DeletionIsVirtualAndTypedMessagesReleaseTheirData) {
-    ZEPDeleteMsg(nullptr);
-    bool gone = false;
-    ZEPDeleteMsg(new WatchedMessage(&gone));
-    EXPECT_TRUE(gone);
-    cTypedMessageObject owner(1, 2, new char[10], 10);  // the sanitizer build reports a leak otherwise
 }
 
 TEST(Message, ErrorRecordsForEmptyBodiesAndNullBuffers) {
@@ -203,13 +191,94 @@ TEST(Message, PrintOnStringSharesOneBufferAndNeverOverflowsIt) {
     EXPECT_EQ(first, second);
     std::string const expected = "ColloquyMessage: , Message len:4, type (-3,4), QType=-1 from g@f to " + longName + "@h\n";
     EXPECT_EQ(std::string(second), expected.substr(0, 4095));  // cut to the 4096-byte buffer
-    EXPECT_EQ(std::string(a->printOnString()),
-              "ColloquyMessage: , Message len:2, type (1,2), QType=3 from agent@hostA to svc@hostB\n");
+    EXPECT_STREQ(a->printOnString(), kExampleLine);
 
     cColloquyMessage empty;  // holds no buffer and no texts
     EXPECT_EQ(empty.packedBuffer, nullptr);
     EXPECT_STREQ(empty.printOnString(),
                  "ColloquyMessage: , Message len:0, type (0,0), QType=0 from (null)@(null) to (null)@(null)\n");
+}
+
+std::vector<std::pair<char const*, std::string>> malformedCases() {
+    std::string noSeparator = kExampleBytes;
+    noSeparator[17] = 'X';
+    std::string tabSeparator = kExampleBytes;
+    tabSeparator[1] = '\t';
+    std::string const data = kExampleBytes.substr(18);
+    return {
+        {"empty buffer", ""},
+        {"count 0", "0 "},
+        {"count 11", "11 1 1 1 1 1 1 1 1 1 1 1 abcdefghijk"},
+        {"count without digits", "x 1 a"},
+        {"negative count", "-1 "},
+        {"negative length", "8 -6 4 6 6 2 2 2 4 " + data},
+        {"missing last separator", noSeparator},
+        {"tab instead of a blank", tabSeparator},
+        {"double blank", "8  6 4 6 6 2 2 2 4 " + data},
+        {"header ends early", "8 6 4 6"},
+        {"eleven-digit length", "8 99999999999 4 6 6 2 2 2 4 " + data},
+        {"length above the int range", "8 2147483648 4 6 6 2 2 2 4 " + data},
+        {"length runs past the end", "8 2147483647 4 6 6 2 2 2 4 " + data},
+        {"five fields", "5 2 2 2 2 2 a\0b\0c\0d\0e\0"s},
+        {"host without its zero byte", "6 1 2 2 2 2 1 Xb\0c\0d\0e\0Z"s},
+        {"qType without its zero byte", "6 2 2 2 2 2 1 a\0b\0c\0d\0"s + "123Z"s},
+        {"formatStamp without its zero byte at the very end", "8 6 4 6 6 2 2 2 3 "s + data.substr(0, 31) + "352"s},
+    };
+}
+
+// The outcome every malformed buffer maps to; the message can still be printed and
+// re-addressed into a valid one.
+void expectMalformedMapping(cColloquyMessage& m) {
+    for (char const* text : {m.toHost, m.toName, m.fromHost, m.fromName}) EXPECT_STREQ(text, "");
+    EXPECT_STREQ(m.body, "");
+    EXPECT_EQ(m.bodyLen, 0u);
+    EXPECT_EQ(m.qType, -1);
+    EXPECT_EQ(m.userValue, 0xFFFFFFFFu);
+    EXPECT_EQ(m.formatStamp, 0xFFFFFFFFu);
+    EXPECT_STREQ(m.printOnString(), "ColloquyMessage: , Message len:0, type (1,2), QType=-1 from @ to @\n");
+    m.rePackMe("host", "name");
+    EXPECT_EQ(packedBytes(m), "8 5 5 1 1 3 0 3 3 host\0name\0\0\0-1\0-1\0-1\0"s);
+}
+
+TEST(MalformedBuffer, CopiedOrTakenOverMapsToTheEmptyOutcome) {
+    for (auto const& [what, bytes] : malformedCases()) {
+        SCOPED_TRACE(what);
+        unsigned int const size = static_cast<unsigned int>(bytes.size());
+        std::unique_ptr<char[]> exact = exactCopy(bytes);
+        {
+            ErrorRecords on;
+            cColloquyMessage m(exact.get(), size, 1, 2);
+            ASSERT_EQ(on.count("netmsg"), 1u);
+            EXPECT_EQ(on.records()[0].text, "malformed packed message\t" + std::to_string(size));
+            EXPECT_EQ(m.packedLen, size);
+            expectMalformedMapping(m);
+        }
+        ErrorRecords on;
+        char* data = exact.release();
+        cColloquyMessage* m = ZEPTmo2Cqm(new cTypedMessageObject(1, 2, data, size));
+        EXPECT_EQ(on.count("netmsg"), 2u);  // malformed, then the empty body
+        EXPECT_EQ(m->packedBuffer, data);
+        expectMalformedMapping(*m);
+        ZEPDeleteMsg(m);
+    }
+    ErrorRecords on;
+    ZEPDeleteMsg(ZEPTmo2Cqm(nullptr));
+    EXPECT_EQ(on.count("netmsg"), 2u);
+}
+
+TEST(MalformedBuffer, EveryTruncationOfAValidMessageIsRejectedAndTrailingBytesIgnored) {
+    ErrorRecords off(false);
+    for (std::size_t n = 0; n < kExampleBytes.size(); ++n) {
+        SCOPED_TRACE(n);
+        std::unique_ptr<char[]> prefix = exactCopy(kExampleBytes.substr(0, n));
+        cColloquyMessage m(prefix.get(), static_cast<unsigned int>(n), 1, 2);
+        expectMalformedMapping(m);
+    }
+    std::string const longer = kExampleBytes + "trailing";
+    cColloquyMessage m(longer.data(), static_cast<unsigned int>(longer.size()), 1, 2);
+    EXPECT_STREQ(m.toHost, "hostB");
+    EXPECT_EQ(m.formatStamp, 352u);
+    EXPECT_EQ(std::string(m.body, m.bodyLen), "hi");
 }
 
 }  // namespace

@@ -118,7 +118,7 @@ TEST(PackBuilder, LengthsOutsideTheIntRangeAreRefused) {
     EXPECT_THROW(c_Pack("a", 1, "b", 2147483600, kEnd), std::length_error);
 }
 
-TEST(PackReader, ReadsAHandWrittenBuffer) {
+TEST(PackReader, MapsFieldsInPlace) {
     char const bytes[] = "3 1 0 4 xabcd";
     c_Pack const pack(bytes);
     EXPECT_EQ(pack.theCount, 3);
@@ -130,15 +130,13 @@ TEST(PackReader, ReadsAHandWrittenBuffer) {
     c_Pack const none(static_cast<char const*>(nullptr));
     EXPECT_EQ(none.theCount, 0);
     EXPECT_EQ(none.field(0), nullptr);
-}
-
-TEST(PackReader, ACountAboveTenMapsTenFields) {
-    char const bytes[] = "12 1 1 1 1 1 1 1 1 1 1 1 1 abcdefghijkl";
-    c_Pack const pack(bytes);
-    EXPECT_EQ(pack.theCount, 12);
-    EXPECT_EQ(pack.theLengths[9], 1);
-    EXPECT_EQ(pack.field(0), bytes + 23);  // just after the tenth length item: the rest is data
-    EXPECT_EQ(pack.field(9), bytes + 32);
+    // A count above ten maps ten fields: the rest is data.
+    char const twelve[] = "12 1 1 1 1 1 1 1 1 1 1 1 1 abcdefghijkl";
+    c_Pack const many(twelve);
+    EXPECT_EQ(many.theCount, 12);
+    EXPECT_EQ(many.theLengths[9], 1);
+    EXPECT_EQ(many.field(0), twelve + 23);  // just after the tenth length item
+    EXPECT_EQ(many.field(9), twelve + 32);
 }
 
 }  // namespace

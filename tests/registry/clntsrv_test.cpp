@@ -42,14 +42,8 @@ public:
 class TestClient : public ClientObj {
 public:
     ~TestClient() override { ++gClientsDestroyed; }
-    int keep(BaseEvent& event) {
-        seen.push_back(&event);
-        return 1;
-    }
-    int finish(BaseEvent& event) {
-        seen.push_back(&event);
-        return 0;
-    }
+    int keep(BaseEvent& event) { seen.push_back(&event); return 1; }
+    int finish(BaseEvent& event) { seen.push_back(&event); return 0; }
     int keepIndex() { return signOn(static_cast<ClientHandler>(&TestClient::keep)); }
     int finishIndex() { return signOn(static_cast<ClientHandler>(&TestClient::finish)); }
     // Lets a test put the counters out of step, a state no public operation brings about.

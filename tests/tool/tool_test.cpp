@@ -18,13 +18,7 @@ struct Result {
     std::string out, err;
 };
 
-std::string gContents(FILE* file) {
-    std::string text;
-    char buffer[4096];
-    for (ssize_t n; (n = pread(fileno(file), buffer, sizeof buffer, static_cast<off_t>(text.size()))) > 0;)
-        text.append(buffer, static_cast<size_t>(n));
-    return text;
-}
+std::string gContents(FILE* file) { return gReadFile("/proc/self/fd/" + std::to_string(fileno(file))); }
 
 // The tool as a child process reading `input` and writing into temporary files; an alarm set
 // before exec ends it should it hang.

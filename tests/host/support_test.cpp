@@ -217,64 +217,50 @@ TEST_F(SupportTest, StatusSenseAndDirectoryRoom) {
     EXPECT_FALSE(mGenerator.GetKZDirectoryPath(buffer, 0));
 }
 
-class ReportTest : public SupportTest {
-protected:
-    // A record as CreateInformationDB leaves it, with its first `count` keys.
-    static void fill(CAssociativeArray& db, size_t count = 4) {
-        char const* const pairs[][2] = {
-            {"$HOSTNAME", "alpha"}, {"$IPCONFIG", "eth0 up\n"}, {"$SYSTEMREPORT", "Linux alpha"}, {"$VANTAGEINI", "a=1\n"}};
-        for (size_t i = 0; i < count; ++i) db.AddCouple(pairs[i][0], pairs[i][1]);
-    }
-    std::string report(CAssociativeArray& db, bool* result = nullptr) {
-        std::string const path = mWork + "/report.txt";
-        {
-            std::ofstream out(path);
-            bool const r = mGenerator.GenerateReportFile(out, db);
-            if (result) *result = r;
-        }
-        return gReadFile(path);
-    }
-};
-
-TEST_F(ReportTest, SectionsInOrderWithAndWithoutProductInformation) {
-    CAssociativeArray db(16);
-    fill(db);
-    bool result = false;
-    std::string const head = kRule + "Complete Report For Host: alpha\n" + kRule;
-    std::string const interface = kRule + "IP Configuration: " + kRule + "\neth0 up\n";
-    std::string const system = kRule + "System And Hardware Configuration: " + kRule + "\nLinux alpha";
-    std::string const configuration = kRule + "Vantage.ini File: " + kRule + "\na=1\n";
-    EXPECT_EQ(report(db, &result), head + interface + system + configuration);
-    EXPECT_TRUE(result);
-
-    db.AddCouple("$QRCTIDLL", "product 7.1");
-    std::string const product = kRule + "Vantage Product Information(qrcti.dll): " + kRule + "\nproduct 7.1";
-    EXPECT_EQ(report(db), head + interface + system + product + configuration);
-    EXPECT_TRUE(lines().empty());
+// A record as CreateInformationDB leaves it, with its first `count` keys.
+void gFill(CAssociativeArray& db, size_t count = 4) {
+    char const* const pairs[][2] = {
+        {"$HOSTNAME", "alpha"}, {"$IPCONFIG", "eth0 up\n"}, {"$SYSTEMREPORT", "Linux alpha"}, {"$VANTAGEINI", "a=1\n"}};
+    for (size_t i = 0; i < count; ++i) db.AddCouple(pairs[i][0], pairs[i][1]);
 }
 
-TEST_F(ReportTest, MissingHostWritesNothingAMissingKeyEndsTheReport) {
-    CAssociativeArray none(16);
-    none.AddCouple("$IPCONFIG", "x");
-    bool result = true;
-    EXPECT_EQ(report(none, &result), "");
-    EXPECT_FALSE(result);
-
-    CAssociativeArray db(16);
-    fill(db, 2);
-    std::string const text = report(db, &result);
-    EXPECT_TRUE(result);
-    EXPECT_EQ(text, kRule + "Complete Report For Host: alpha\n" + kRule + kRule + "IP Configuration: " + kRule +
-                        "\neth0 up\n" + kRule + "System And Hardware Configuration: " + kRule + "\n");
-    std::vector<Line> const all = lines();
-    ASSERT_EQ(all.size(), 1u);
-    EXPECT_EQ(all[0].tag, "Error");
-    EXPECT_EQ(all[0].line, 659);
-    try {
-        db.GetValueOfParameter("$SYSTEMREPORT");
-        ADD_FAILURE() << "no exception";
-    } catch (std::exception const& e) {
-        EXPECT_EQ(all[0].text, e.what());
+TEST_F(SupportTest, ReportSectionsInOrderAndWhereTheReportEnds) {
+    std::string const head = kRule + "Complete Report For Host: alpha\n" + kRule + kRule + "IP Configuration: " + kRule +
+                             "\neth0 up\n" + kRule + "System And Hardware Configuration: " + kRule + "\n";
+    std::string const configuration = kRule + "Vantage.ini File: " + kRule + "\na=1\n";
+    std::string const product = kRule + "Vantage Product Information(qrcti.dll): " + kRule + "\nproduct 7.1";
+    struct Row {
+        size_t keys;  // how many of the gathered keys the record holds
+        bool product;
+        std::string text;
+        bool result;
+    } const rows[] = {
+        {4, false, head + "Linux alpha" + configuration, true},
+        {4, true, head + "Linux alpha" + product + configuration, true},
+        {2, false, head, true},  // a missing key ends the report with an Error record
+        {0, false, "", false},   // without the host name nothing is written
+    };
+    for (Row const& row : rows) {
+        SCOPED_TRACE(row.text);
+        mCapture.clear();
+        CAssociativeArray db(16);
+        gFill(db, row.keys);
+        if (row.product) db.AddCouple("$QRCTIDLL", "product 7.1");
+        std::ofstream out(mWork + "/report.txt");
+        EXPECT_EQ(mGenerator.GenerateReportFile(out, db), row.result);
+        out.close();
+        EXPECT_EQ(gReadFile(mWork + "/report.txt"), row.text);
+        std::vector<Line> const all = lines();
+        ASSERT_EQ(all.size(), row.keys == 2 ? 1u : 0u);
+        if (all.empty()) continue;
+        EXPECT_EQ(all[0].tag, "Error");
+        EXPECT_EQ(all[0].line, 659);
+        try {
+            db.GetValueOfParameter("$SYSTEMREPORT");
+            ADD_FAILURE() << "no exception";
+        } catch (std::exception const& e) {
+            EXPECT_EQ(all[0].text, e.what());
+        }
     }
 }
 
@@ -296,9 +282,9 @@ private:
     void (*mFail)();
 };
 
-TEST_F(ReportTest, StreamFailuresAreCaughtAndLogged) {
+TEST_F(SupportTest, ReportStreamFailuresAreCaughtAndLogged) {
     CAssociativeArray db(16);
-    fill(db);
+    gFill(db);
 
     // A stream that reports errors by exception: the first write fails.
     std::ofstream closed;

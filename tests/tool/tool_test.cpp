@@ -48,45 +48,39 @@ public:
         std::fclose(mOut);
         std::fclose(mErr);
     }
-    // The next line on standard error, waited for a bounded while; "" when none comes.
-    std::string errLine() {
+    // The port a listener announces on its first line, waited for a bounded while.
+    std::string port() {
+        std::string const prefix = "listening on port ";
         for (int i = 0; i < 1000; ++i) {
             std::string const err = gContents(mErr);
-            size_t const end = err.find('\n', mErrRead);
-            if (end == std::string::npos) {
+            mAnnounced = err.find('\n') + 1;  // 0 while there is no line feed
+            if (mAnnounced == 0) {
                 usleep(10 * 1000);
                 continue;
             }
-            std::string line = err.substr(mErrRead, end - mErrRead);
-            mErrRead = end + 1;
-            return line;
+            if (err.rfind(prefix, 0) == 0) return err.substr(prefix.size(), mAnnounced - 1 - prefix.size());
+            break;
         }
+        ADD_FAILURE() << "no port announced: " << gContents(mErr);
         return "";
     }
-    // Waits for the end; standard error without the lines errLine() has read.
+    // Waits for the end; standard error without the line port() has read.
     Result finish() {
         int status = 0;
         waitpid(std::exchange(mPid, -1), &status, 0);
         int const code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        return {code, gContents(mOut), gContents(mErr).substr(mErrRead)};
+        return {code, gContents(mOut), gContents(mErr).substr(mAnnounced)};
     }
 
 private:
     FILE* mOut = std::tmpfile();
     FILE* mErr = std::tmpfile();
     pid_t mPid = -1;
-    size_t mErrRead = 0;
+    size_t mAnnounced = 0;
 };
 
 Result tool(std::vector<std::string> args, std::string const& input = "") {
     return Tool(std::move(args), input).finish();
-}
-
-// The port a listener announces on its first line.
-std::string gPort(Tool& listener) {
-    std::string const line = listener.errLine();
-    EXPECT_EQ(line.rfind("listening on port ", 0), 0u) << line;
-    return line.substr(std::min(line.size(), size_t{18}));
 }
 
 // A failure is the given status and exactly one line on standard error, naming the tool.
@@ -141,7 +135,7 @@ TEST(Tool, PackUnpackAndConvert) {
 
 TEST(Tool, SendInOneProcessListenInAnother) {
     Tool listener({"listen", "0", "--count", "2", "--json"});
-    Result const sent = tool({"send", "127.0.0.1", gPort(listener), "--type", "7", "--subtype", "-1", "--to", "svc@b",
+    Result const sent = tool({"send", "127.0.0.1", listener.port(), "--type", "7", "--subtype", "-1", "--to", "svc@b",
                               "--from", "agent@a", "--count", "2", "city=Z\\xc3\\xbcrich"});
     ASSERT_EQ(sent.status, 0) << sent.err;
     Result const heard = listener.finish();
@@ -152,7 +146,7 @@ TEST(Tool, SendInOneProcessListenInAnother) {
 
     // A message over --max-size ends the listener with one line.
     Tool small({"listen", "0", "--max-size", "10"});
-    tool({"send", "127.0.0.1", gPort(small), "--type", "1", "--subtype", "1", "key=a value longer than ten"});
+    tool({"send", "127.0.0.1", small.port(), "--type", "1", "--subtype", "1", "key=a value longer than ten"});
     Result const refused = small.finish();
     expectOneLineFailure(refused, 1);
     EXPECT_NE(refused.err.find("--max-size 10"), std::string::npos);

@@ -1,12 +1,12 @@
 // Real child processes for the process tests: sleepers, children that have already exited,
-// and processes that are not children of the test.
+// and the state of a process as /proc shows it.
 #ifndef COLLOQUY_TESTS_CHILDREN_H
 #define COLLOQUY_TESTS_CHILDREN_H
 
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <sys/types.h>
 #include <sys/wait.h>
@@ -14,7 +14,8 @@
 
 namespace nChildren {
 
-// A child running `sleep 30` (ignoring SIGTERM when asked, which exec keeps).
+// A child running `sleep 30`, ignoring SIGTERM when asked (exec keeps an ignored signal);
+// returned once it has passed exec (waited for a bounded while).
 inline pid_t gSleeper(bool ignoreTerm = false) {
     pid_t const pid = fork();
     if (pid == 0) {
@@ -22,18 +23,12 @@ inline pid_t gSleeper(bool ignoreTerm = false) {
         execlp("sleep", "sleep", "30", static_cast<char*>(nullptr));
         _exit(127);
     }
-    return pid;
-}
-
-// Waits (a bounded while) until `pid` runs the program `name`, i.e. has passed exec.
-inline bool gRuns(pid_t pid, std::string const& name) {
-    for (int i = 0; i < 500; ++i) {
-        std::ifstream comm("/proc/" + std::to_string(pid) + "/comm");
-        std::string text;
-        if (std::getline(comm, text) && text == name) return true;
+    std::string name;
+    for (int i = 0; i < 500 && name != "sleep"; ++i) {
         usleep(10 * 1000);
+        std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/comm"), name);
     }
-    return false;
+    return pid;
 }
 
 // A child that has exited and is not reaped yet.
@@ -45,24 +40,10 @@ inline pid_t gExitedChild() {
     return pid;
 }
 
-// An id that no process has: a child's, once it has been reaped.
-inline pid_t gFreePid() {
-    pid_t const pid = fork();
-    if (pid == 0) _exit(0);
-    waitpid(pid, nullptr, 0);
-    return pid;
-}
-
 // True while `pid` exists and has not exited (a zombie counts as exited).
 inline bool gAlive(pid_t pid) {
-    if (kill(pid, 0) != 0) return false;
-    std::string const path = "/proc/" + std::to_string(pid) + "/stat";
-    FILE* const file = fopen(path.c_str(), "r");
-    if (!file) return false;
-    char buffer[512] = {};
-    size_t const n = fread(buffer, 1, sizeof buffer - 1, file);
-    fclose(file);
-    std::string const text(buffer, n);
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string const text{std::istreambuf_iterator<char>(stat), {}};
     size_t const close = text.rfind(')');
     return close != std::string::npos && close + 2 < text.size() && text[close + 2] != 'Z';
 }

@@ -15,17 +15,8 @@ struct ArchiveProbe : FilesAssociationArchive {
     static std::string const& globalDirectory() { return mGlobalDefualtDestinationDirectory; }
 };
 
-std::map<std::string, std::string> gWalk(RWHashDictionaryIterator& next) {
-    std::map<std::string, std::string> pairs;
-    while (RWCollectable* key = next()) {
-        auto const* k = static_cast<RWCollectableString const*>(key);
-        auto const* v = static_cast<RWCollectableString const*>(next.value());
-        pairs[k->stdString()] = v->stdString();
-    }
-    return pairs;
-}
-
 TEST(FileAssociations, EveryFileIsStoredWithTheEmptyDestination) {
+    EXPECT_EQ(ArchiveProbe::globalDirectory(), "");  // constructed empty at load
     FilesAssociationArchive archive;
     archive.SetDefualtDestinationDirectory("/dest");
     FilesAssociationArchive::SetDefualtGlobalDestinationDirectory("/global");
@@ -39,20 +30,20 @@ TEST(FileAssociations, EveryFileIsStoredWithTheEmptyDestination) {
     EXPECT_EQ(archive.BuildDefDestPath("a.txt", true), "");
     EXPECT_THROW(archive.GetFileAssociate("unknown"), CAssoKeyDoesNotExistException);
     FilesAssociationArchive::SetDefualtGlobalDestinationDirectory("");
-}
 
-TEST(FileAssociations, DefaultDirectories) {
-    EXPECT_EQ(ArchiveProbe::globalDirectory(), "");  // constructed empty at load
-    FilesAssociationArchive archive;
-    archive.SetDefualtDestinationDirectory("/var/spool/out");
-    EXPECT_STREQ(FilesAssociationArchive().GetDefualtDestinationDirectory(), "");  // per table
-    FilesAssociationArchive::SetDefualtGlobalDestinationDirectory("/shared");
-    EXPECT_EQ(ArchiveProbe::globalDirectory(), "/shared");
-    FilesAssociationArchive::SetDefualtGlobalDestinationDirectory("");
-
+    // The default directory belongs to each archive; null directories are refused.
+    EXPECT_STREQ(FilesAssociationArchive().GetDefualtDestinationDirectory(), "");
     EXPECT_THROW(archive.SetDefualtDestinationDirectory(nullptr), std::invalid_argument);
     EXPECT_THROW(FilesAssociationArchive::SetDefualtGlobalDestinationDirectory(nullptr), std::invalid_argument);
-    EXPECT_STREQ(archive.GetDefualtDestinationDirectory(), "/var/spool/out");
+    EXPECT_STREQ(archive.GetDefualtDestinationDirectory(), "/dest");
+}
+
+std::map<std::string, std::string> gWalk(RWHashDictionaryIterator& next) {
+    std::map<std::string, std::string> pairs;
+    while (RWCollectable* key = next())
+        pairs[static_cast<RWCollectableString*>(key)->stdString()] =
+            static_cast<RWCollectableString*>(next.value())->stdString();
+    return pairs;
 }
 
 TEST(FileAssociations, OneSharedIteratorThatEachCallRestarts) {

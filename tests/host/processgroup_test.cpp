@@ -1,6 +1,7 @@
 // Process groups with real children: termination newest first as the Execution records show,
 // failed kills, unknown groups, duplicates, positions and the group flag.
 #include "processgroupmanager.h"
+#include "qrprocess.h"
 
 #include "children.h"
 #include "nlog.h"
@@ -17,13 +18,16 @@ using namespace nChildren;
 
 using nTagScope::Line;
 using nTagScope::TagScope;
+using Lines = std::vector<Line>;
 
-std::vector<Line> gLines(nLog::cCapture const& capture) { return nTagScope::gLines(capture, "processgroupmanager"); }
-
-std::string gText(char const* literal, int pid) { return std::string(literal) + "\t" + std::to_string(pid); }
+Line gKill(int line, char const* outcome, int pid) {
+    return {"Execution", line, "gKillProcess(%d) " + std::string(outcome) + "\t" + std::to_string(pid)};
+}
 
 class ProcessGroupTest : public ::testing::Test {
 protected:
+    Lines lines() const { return nTagScope::gLines(mCapture, "processgroupmanager"); }
+
     TagScope mExecution{"Execution", true};
     TagScope mError{"Error", true};
     TagScope mTrace{"Trace", false};
@@ -33,90 +37,51 @@ protected:
 TEST_F(ProcessGroupTest, GroupIsTerminatedNewestFirstAndForgotten) {
     ProcessesGroupManager manager;
     RWCString name("workers");
-    std::vector<int> pids;
-    for (int i = 0; i < 3; ++i) {
-        int pid = gSleeper();
-        pids.push_back(pid);
-        ASSERT_NE(manager.AddProcessToGroup(name, pid), nullptr);
-    }
-    EXPECT_EQ(manager.GetProcessGroup(name)->entries(), 3u);
-    RWCString other("Workers");  // names are case-sensitive
+    int first = gSleeper(), exited = gExitedChild(), last = gSleeper();
+    ProcessGroup* const group = manager.AddProcessToGroup(name, first);
+    ASSERT_NE(group, nullptr);
+    for (int* pid : {&exited, &last, &first}) EXPECT_EQ(manager.AddProcessToGroup(name, *pid), group);
+    EXPECT_EQ(group->entries(), 4u);  // the same pid twice stands twice
+    RWCString other("Workers");       // names are case-sensitive
     EXPECT_EQ(manager.GetProcessGroup(other), nullptr);
 
-    EXPECT_TRUE(manager.TerminateGroup(name));
-    std::vector<Line> const expected = {
+    // Every member is tried after a failure; the first kill reaped `first`, so its second
+    // entry finds no process.
+    EXPECT_FALSE(manager.TerminateGroup(name));
+    Lines const expected = {
         {"Execution", 171, "ProcessesGroupManager::TerminateGroup terminating\tworkers"},
-        {"Execution", 54, gText("gKillProcess(%d) killed", pids[2])},
-        {"Execution", 54, gText("gKillProcess(%d) killed", pids[1])},
-        {"Execution", 54, gText("gKillProcess(%d) killed", pids[0])},
+        gKill(54, "killed", first),
+        gKill(54, "killed", last),
+        gKill(50, "already terminated", exited),
+        gKill(62, "error cannot find", first),
     };
-    EXPECT_EQ(gLines(mCapture), expected);
+    EXPECT_EQ(lines(), expected);
     EXPECT_EQ(manager.GetProcessGroup(name), nullptr);
     EXPECT_EQ(manager.entries(), 0u);
-    for (int pid : pids) EXPECT_TRUE(gReaped(pid));
-}
-
-TEST_F(ProcessGroupTest, ExitedMemberMakesTheResultFalseAndTheGroupIsStillRemoved) {
-    ProcessesGroupManager manager;
-    RWCString name("mixed");
-    int running = gSleeper();
-    int exited = gExitedChild();
-    manager.AddProcessToGroup(name, running);
-    manager.AddProcessToGroup(name, exited);
-
-    EXPECT_FALSE(manager.TerminateGroup(name));
-    std::vector<Line> const expected = {
-        {"Execution", 171, "ProcessesGroupManager::TerminateGroup terminating\tmixed"},
-        {"Execution", 50, gText("gKillProcess(%d) already terminated", exited)},
-        {"Execution", 54, gText("gKillProcess(%d) killed", running)},  // tried after the failure
-    };
-    EXPECT_EQ(gLines(mCapture), expected);
+    for (int pid : {first, exited, last}) EXPECT_TRUE(gReaped(pid)) << pid;
 
     mCapture.clear();
     EXPECT_FALSE(manager.TerminateGroup(name));
-    EXPECT_EQ(gLines(mCapture),
-              (std::vector<Line>{{"Error", 176, "ProcessesGroupManager::TerminateGroup unknown group \tmixed"}}));
-}
+    EXPECT_EQ(lines(), (Lines{{"Error", 176, "ProcessesGroupManager::TerminateGroup unknown group \tworkers"}}));
 
-TEST_F(ProcessGroupTest, SamePidTwiceIsKilledOnceAndThenNotFound) {
-    ProcessesGroupManager manager;
-    RWCString name("twice");
-    int pid = gSleeper();
-    ProcessGroup* const group = manager.AddProcessToGroup(name, pid);
-    EXPECT_EQ(manager.AddProcessToGroup(name, pid), group);
-    EXPECT_EQ(group->entries(), 2u);
-
-    EXPECT_FALSE(manager.TerminateGroup(name));
-    std::vector<Line> const lines = gLines(mCapture);
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(lines[1], (Line{"Execution", 54, gText("gKillProcess(%d) killed", pid)}));
-    // The first kill reaped it: the id is free for the second attempt.
-    EXPECT_EQ(lines[2], (Line{"Execution", 62, gText("gKillProcess(%d) error cannot find", pid)}));
-}
-
-TEST_F(ProcessGroupTest, RecordsAreOptionalResultsAreNot) {
+    // Without the Execution records the results stay the same.
+    mCapture.clear();
     TagScope off("Execution", false);
-    ProcessesGroupManager manager;
-    RWCString name("quiet");
-    int pid = gSleeper();
-    int exited = gExitedChild();
-    manager.AddProcessToGroup(name, pid);
+    int quiet = gSleeper();
+    manager.AddProcessToGroup(name, quiet);
     EXPECT_TRUE(manager.TerminateGroup(name));
-    manager.AddProcessToGroup(name, exited);
-    EXPECT_FALSE(manager.TerminateGroup(name));
+    EXPECT_TRUE(gReaped(quiet));
     EXPECT_TRUE(mCapture.records().empty());
 }
 
-TEST_F(ProcessGroupTest, AddProcessGivesPositionsAndRemoveProcessSignalsNothing) {
+TEST_F(ProcessGroupTest, PositionsRemovalAndMissingElements) {
     ProcessGroup group;
     EXPECT_EQ(group.mGroupFlag, 1);
-    int const pids[] = {10, 20, 10, 30};  // duplicates stand on their own
-    for (int i = 0; i < 4; ++i) EXPECT_EQ(group.AddProcess(pids[i]), i);
-
     int const sleeper = gSleeper();
-    EXPECT_EQ(group.AddProcess(sleeper), 4);
+    int const pids[] = {10, 20, 10, 30, sleeper};  // duplicates stand on their own
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(group.AddProcess(pids[i]), i);
     EXPECT_EQ(group.RemoveProcess(4), sleeper);
-    EXPECT_TRUE(gAlive(sleeper));
+    EXPECT_TRUE(gAlive(sleeper));  // removing signals nothing
     EXPECT_EQ(group.RemoveProcess(1), 20);
     EXPECT_EQ(static_cast<ProcessInfo*>(group.at(1))->pid, 10);
     EXPECT_THROW(group.RemoveProcess(3), RWBoundsErr);
@@ -128,26 +93,23 @@ TEST_F(ProcessGroupTest, AddProcessGivesPositionsAndRemoveProcessSignalsNothing)
     group.insertAt(1, new ProcessInfo(sleeper));
     EXPECT_TRUE(group.TerminateElementZ0(1));
     EXPECT_TRUE(gReaped(sleeper));
-    EXPECT_EQ(gLines(mCapture), (std::vector<Line>{{"Execution", 54, gText("gKillProcess(%d) killed", sleeper)}}));
+    EXPECT_EQ(lines(), (Lines{gKill(54, "killed", sleeper)}));
     EXPECT_EQ(group.entries(), 3u);
     while (!group.isEmpty()) group.RemoveProcess(0);
     EXPECT_TRUE(group.TerminateGroupZ0());  // empty: nothing to fail
-}
 
-TEST_F(ProcessGroupTest, MissingElementIsReported) {
-    ProcessGroup group;
+    // A missing element is reported; termination stops there, keeping what is before it.
+    mCapture.clear();
     group.insert(nullptr);
     EXPECT_FALSE(group.TerminateElementZ0(0));
-    EXPECT_EQ(gLines(mCapture), (std::vector<Line>{{"Error", 80, ""}}));
-
-    // Termination stops at a missing element, keeping what is before it.
-    int pid = gExitedChild();
-    group.AddProcess(pid);
+    EXPECT_EQ(lines(), (Lines{{"Error", 80, ""}}));
+    int const exited = gExitedChild();
+    group.AddProcess(exited);
     group.insert(nullptr);
     EXPECT_TRUE(group.TerminateGroupZ0());
     EXPECT_EQ(group.entries(), 1u);
-    EXPECT_EQ(group.RemoveProcess(0), pid);
-    gCleanUp(pid);
+    EXPECT_EQ(group.RemoveProcess(0), exited);
+    gCleanUp(exited);
 }
 
 TEST_F(ProcessGroupTest, FlagAndTraceRecordsOfAddProcessToGroup) {
@@ -164,21 +126,21 @@ TEST_F(ProcessGroupTest, FlagAndTraceRecordsOfAddProcessToGroup) {
     std::string address;
     nLog::gAppendPiece(address, static_cast<void const*>(group));
     Line const expected{"Trace", 130, "ProcessesGroupManager::AddProcessToGroup \tflagged\t4711\t" + address};
-    EXPECT_EQ(gLines(mCapture), std::vector<Line>(3, expected));
+    EXPECT_EQ(lines(), Lines(3, expected));
 }
 
 TEST_F(ProcessGroupTest, KillThatTheKernelRefuses) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to drop to another user";
     int const victim = gSleeper();
+    // Another user may not signal our sleeper: the kernel refuses with EPERM.
     int const status = gInChild([victim] {
         if (setgid(65534) != 0 || setuid(65534) != 0) return 100;
+        if (gQRPKillProcess(victim) != 3) return 101;
         nLog::cCapture capture;
         ProcessInfo info(victim);
-        if (gKillProcess(info)) return 101;
+        if (gKillProcess(info)) return 102;
         std::vector<nLog::cRecord> const& r = capture.records();
-        bool const logged = r.size() == 1 && r[0].line == 58 && r[0].tag == "Execution" &&
-                            r[0].text == gText("gKillProcess(%d) error cannot kill", victim);
-        return logged ? 0 : 102;
+        return r.size() == 1 && Line{r[0].tag, r[0].line, r[0].text} == gKill(58, "error cannot kill", victim) ? 0 : 103;
     });
     EXPECT_EQ(status, 0);
     EXPECT_TRUE(gAlive(victim));

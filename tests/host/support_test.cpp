@@ -12,11 +12,12 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
+#include <optional>
 #include <sched.h>
-#include <sstream>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -37,14 +38,17 @@ protected:
     void SetUp() override {
         char root[] = "/tmp/support_test_XXXXXX";
         ASSERT_NE(mkdtemp(root), nullptr);
+        char old[4096];
+        ASSERT_NE(getcwd(old, sizeof old), nullptr);
         mRoot = root;
+        mOldDirectory = old;
         mBin = mRoot + "/bin";
         mQrBin = mRoot + "/qr";
         mkdir(mBin.c_str(), 0755);
         mkdir(mQrBin.c_str(), 0755);
         useWorkingDirectory("work");
-        mPath = std::make_unique<EnvScope>("PATH", (mBin + ":" + std::getenv("PATH")).c_str());
-        mQr = std::make_unique<EnvScope>("QR_BIN", mQrBin.c_str());
+        mPath.emplace("PATH", (mBin + ":" + std::getenv("PATH")).c_str());
+        mQr.emplace("QR_BIN", mQrBin.c_str());
         mHost = nCommunication::nSocket::gGetLocalHostName().stdString();
     }
     void TearDown() override {
@@ -56,125 +60,94 @@ protected:
 
     // Makes <root>/<name> and changes into it.
     void useWorkingDirectory(std::string const& name) {
-        if (mOldDirectory.empty()) {
-            char buffer[4096];
-            ASSERT_NE(getcwd(buffer, sizeof buffer), nullptr);
-            mOldDirectory = buffer;
-        }
         mWork = mRoot + "/" + name;
         ASSERT_EQ(mkdir(mWork.c_str(), 0755), 0) << mWork;
         ASSERT_EQ(chdir(mWork.c_str()), 0);
     }
 
-    // A stand-in tool: prints "<name>:<arguments>" and exits with `status`.
-    void tool(char const* name, int status) {
-        gWriteFile(mBin + "/" + name, "#!/bin/sh\necho \"" + std::string(name) + ":$*\"\nexit " + std::to_string(status) + "\n",
-               0755);
-    }
-    void tools(int ifconfig, int uname, int lscpu, int lsblk, int cat) {
-        tool("ifconfig", ifconfig);
-        tool("uname", uname);
-        tool("lscpu", lscpu);
-        tool("lsblk", lsblk);
-        tool("cat", cat);
+    // Stand-ins for the five commands: each prints "<name>:<arguments>" and exits with its status.
+    void tools(std::array<int, 5> const& statuses) {
+        char const* const names[] = {"ifconfig", "uname", "lscpu", "lsblk", "cat"};
+        for (size_t i = 0; i < statuses.size(); ++i)
+            gWriteFile(mBin + "/" + names[i],
+                       "#!/bin/sh\necho \"" + std::string(names[i]) + ":$*\"\nexit " + std::to_string(statuses[i]) + "\n",
+                       0755);
     }
 
     std::string interfacePath() const { return mWork + "/IpConfig.txt"; }
     std::string systemPath() const { return mWork + "/" + mHost + ".txt"; }
     static std::string quoted(std::string const& path) { return "\"" + path + "\""; }
     std::string ifconfigCommand() const { return "ifconfig -a -v >> " + quoted(interfacePath()); }
-    std::string command(char const* prefix) const { return prefix + quoted(systemPath()); }
 
     std::vector<Line> lines() const { return nTagScope::gLines(mCapture, "supportinformationgenerator"); }
 
     std::string mRoot, mBin, mQrBin, mWork, mOldDirectory, mHost;
-    std::unique_ptr<EnvScope> mPath, mQr;
+    std::optional<EnvScope> mPath, mQr;
     TagScope mWarning{"Warning", true};
     TagScope mError{"Error", true};
     nLog::cCapture mCapture;
     CSupportInformationGenerator mGenerator;
 };
 
-TEST_F(SupportTest, CommandsAnsweringNonZeroCountAsSuccess) {
-    tools(1, 2, 3, 4, 5);
-    gWriteFile(mQrBin + "/vantage.ini", "[main]\nColloquyAnsiConversion_patch=1\n");
-    CAssociativeArray db(16);
-    EXPECT_TRUE(mGenerator.CreateInformationDB(db));
-
-    EXPECT_STREQ(db.GetValueOfParameter("$HOSTNAME"), mHost.c_str());
-    EXPECT_STREQ(db.GetValueOfParameter("$IPCONFIG"), "ifconfig:-a -v\n");
-    EXPECT_STREQ(db.GetValueOfParameter("$SYSTEMREPORT"), "uname:-a\nlscpu:\nlsblk:\ncat:/proc/meminfo\n");
-    EXPECT_STREQ(db.GetValueOfParameter("$VANTAGEINI"), "[main]\nColloquyAnsiConversion_patch=1\n");
-    EXPECT_EQ(db.entries(), 4u);
-    EXPECT_FALSE(gExists(interfacePath()));
-    EXPECT_FALSE(gExists(systemPath()));
-
-    std::vector<Line> const expected = {
-        {"Warning", 499,
-         "success to get ifconfig output with command: \t" + ifconfigCommand() + "\t into file \t" +
-             quoted(interfacePath())},
-        {"Warning", 414, "doing GenerateLinuxInfo()"},
-        {"Warning", 535,
-         "grabbed linux info into files \t" + quoted(interfacePath()) + "\t and \t" + quoted(systemPath())},
+// A command answering zero counts as failed and ends the gathering, leaving the temporary
+// files as far as they were written; any other answer counts as success.
+TEST_F(SupportTest, EachCommandAnsweringZeroStopsTheGathering) {
+    std::string const all = "uname:-a\nlscpu:\nlsblk:\ncat:/proc/meminfo\n";
+    Line const gotInterface{"Warning", 499, "success to get ifconfig output with command: \t" + ifconfigCommand() +
+                                                "\t into file \t" + quoted(interfacePath())};
+    Line const doing{"Warning", 414, "doing GenerateLinuxInfo()"};
+    auto const failed = [&](int line, char const* what, char const* prefix) {
+        return std::vector<Line>{gotInterface, doing,
+                                 {"Warning", line,
+                                  "failed to get " + std::string(what) + " output with command: \t" + prefix +
+                                      quoted(systemPath())}};
     };
-    EXPECT_EQ(lines(), expected);
-}
-
-TEST_F(SupportTest, CommandAnsweringZeroCountsAsFailureAndLeavesTheFiles) {
-    tools(0, 1, 1, 1, 1);
-    CAssociativeArray db(16);
-    EXPECT_TRUE(mGenerator.CreateInformationDB(db));
-    EXPECT_STREQ(db.GetValueOfParameter("$IPCONFIG"), kNotAvailable);
-    EXPECT_STREQ(db.GetValueOfParameter("$SYSTEMREPORT"), kNotAvailable);
-    EXPECT_STREQ(db.GetValueOfParameter("$VANTAGEINI"), "Not Found");  // QR_BIN holds no vantage.ini
-    EXPECT_EQ(lines(), (std::vector<Line>{{"Warning", 494,
-                                           "failed to get ifconfig output with command: \t" + ifconfigCommand()}}));
-    EXPECT_EQ(gReadFile(interfacePath()), "ifconfig:-a -v\n");  // left where it was written
-    EXPECT_FALSE(gExists(systemPath()));
-}
-
-TEST_F(SupportTest, EachSystemStepStopsTheGatheringWhenItAnswersZero) {
-    struct Step {
-        int statuses[4];
-        int line;
-        char const* failure;
-        char const* prefix;
-        char const* written;
+    struct Row {
+        std::array<int, 5> statuses;
+        std::vector<Line> records;
+        char const* systemFile;  // what is left of it, null when it is gone
+    } const rows[] = {
+        {{1, 2, 3, 4, 5},
+         {gotInterface, doing,
+          {"Warning", 535,
+           "grabbed linux info into files \t" + quoted(interfacePath()) + "\t and \t" + quoted(systemPath())}},
+         nullptr},
+        {{0, 1, 1, 1, 1}, {{"Warning", 494, "failed to get ifconfig output with command: \t" + ifconfigCommand()}},
+         nullptr},
+        {{1, 0, 1, 1, 1}, failed(421, "kernel", "uname -a >> "), "uname:-a\n"},
+        {{1, 1, 0, 1, 1}, failed(434, "cpu", "lscpu >> "), "uname:-a\nlscpu:\n"},
+        {{1, 1, 1, 0, 1}, failed(442, "disk", "lsblk >> "), "uname:-a\nlscpu:\nlsblk:\n"},
+        {{1, 1, 1, 1, 0}, failed(450, "memory", "cat /proc/meminfo >> "), all.c_str()},
     };
-    Step const steps[] = {
-        {{0, 1, 1, 1}, 421, "failed to get kernel output with command: ", "uname -a >> ", "uname:-a\n"},
-        {{1, 0, 1, 1}, 434, "failed to get cpu output with command: ", "lscpu >> ", "uname:-a\nlscpu:\n"},
-        {{1, 1, 0, 1}, 442, "failed to get disk output with command: ", "lsblk >> ", "uname:-a\nlscpu:\nlsblk:\n"},
-        {{1, 1, 1, 0}, 450, "failed to get memory output with command: ", "cat /proc/meminfo >> ",
-         "uname:-a\nlscpu:\nlsblk:\ncat:/proc/meminfo\n"},
-    };
-    for (Step const& step : steps) {
-        tools(1, step.statuses[0], step.statuses[1], step.statuses[2], step.statuses[3]);
+    for (Row const& row : rows) {
+        SCOPED_TRACE(row.records.back());
+        tools(row.statuses);
         std::remove(interfacePath().c_str());
         std::remove(systemPath().c_str());
         mCapture.clear();
         CAssociativeArray db(16);
-        mGenerator.CreateInformationDB(db);
-        EXPECT_STREQ(db.GetValueOfParameter("$SYSTEMREPORT"), kNotAvailable) << step.line;
-        std::vector<Line> const all = lines();
-        ASSERT_EQ(all.size(), 3u) << step.line;
-        EXPECT_EQ(all[1], (Line{"Warning", 414, "doing GenerateLinuxInfo()"}));
-        EXPECT_EQ(all[2], (Line{"Warning", step.line, step.failure + std::string("\t") + command(step.prefix)}));
-        EXPECT_EQ(gReadFile(systemPath()), step.written);
-        EXPECT_TRUE(gExists(interfacePath()));
+        EXPECT_TRUE(mGenerator.CreateInformationDB(db));
+        bool const gathered = &row == rows;
+        EXPECT_STREQ(db.GetValueOfParameter("$HOSTNAME"), mHost.c_str());
+        EXPECT_STREQ(db.GetValueOfParameter("$IPCONFIG"), gathered ? "ifconfig:-a -v\n" : kNotAvailable);
+        EXPECT_STREQ(db.GetValueOfParameter("$SYSTEMREPORT"), gathered ? all.c_str() : kNotAvailable);
+        EXPECT_EQ(db.entries(), 4u);
+        EXPECT_EQ(lines(), row.records);
+        EXPECT_EQ(gExists(interfacePath()) ? gReadFile(interfacePath()) : "<gone>",
+                  gathered ? "<gone>" : "ifconfig:-a -v\n");
+        EXPECT_EQ(gExists(systemPath()) ? gReadFile(systemPath()) : "<gone>",
+                  row.systemFile ? row.systemFile : "<gone>");
     }
 }
 
 TEST_F(SupportTest, ShellMetacharactersInTheWorkingDirectoryRunNothing) {
-    tools(1, 1, 1, 1, 1);
+    tools({1, 1, 1, 1, 1});
     // Every character the shell still reads inside double quotes.
     useWorkingDirectory("w$(touch pwned1)`touch pwned2`\"; touch pwned3; \"\\");
     CAssociativeArray db(16);
     mGenerator.CreateInformationDB(db);
     EXPECT_STREQ(db.GetValueOfParameter("$IPCONFIG"), "ifconfig:-a -v\n");
     EXPECT_STREQ(db.GetValueOfParameter("$SYSTEMREPORT"), "uname:-a\nlscpu:\nlsblk:\ncat:/proc/meminfo\n");
-    EXPECT_FALSE(gExists(interfacePath()));
-    EXPECT_FALSE(gExists(systemPath()));
     for (char const* name : {"pwned1", "pwned2", "pwned3"}) {
         EXPECT_FALSE(gExists(mWork + "/" + name)) << name;
         EXPECT_FALSE(gExists(mRoot + "/" + name)) << name;
@@ -187,7 +160,7 @@ TEST_F(SupportTest, ShellMetacharactersInTheWorkingDirectoryRunNothing) {
 }
 
 TEST_F(SupportTest, ShellMetacharactersInTheHostNameRunNothing) {
-    tools(1, 1, 1, 1, 1);
+    tools({1, 1, 1, 1, 1});
     // A host name of our own needs a UTS namespace of our own, in a child process.
     int const status = nChildren::gInChild([this] {
         if (unshare(CLONE_NEWUTS) != 0) return 77;
@@ -206,24 +179,26 @@ TEST_F(SupportTest, ShellMetacharactersInTheHostNameRunNothing) {
 }
 
 TEST_F(SupportTest, ConfigurationFileFoundOrNot) {
-    tools(0, 0, 0, 0, 0);
-    gWriteFile(mQrBin + "/vantage.ini", std::string("a=1\n\0b=2\n", 9));
-    CAssociativeArray found(16);
-    mGenerator.CreateInformationDB(found);
-    char const* data = nullptr;
-    int length = 0;
-    found.GetValueOfParameter("$VANTAGEINI", data, length);
-    EXPECT_EQ(std::string(data, static_cast<size_t>(length)), std::string("a=1\n\0b=2\n", 9));
-
-    // The file being a directory (its absence is covered above).
-    std::remove((mQrBin + "/vantage.ini").c_str());
-    mkdir((mQrBin + "/vantage.ini").c_str(), 0755);
-    CAssociativeArray directory(16);
-    mGenerator.CreateInformationDB(directory);
-    EXPECT_STREQ(directory.GetValueOfParameter("$VANTAGEINI"), "Not Found");
+    tools({0, 0, 0, 0, 0});
+    std::string const path = mQrBin + "/vantage.ini";
+    std::string const binary = std::string("a=1\n\0b=2\n", 9) + std::string(100000, 'x');  // read in pieces
+    for (int kind = 0; kind < 3; ++kind) {  // absent, a file, a directory
+        SCOPED_TRACE(kind);
+        if (kind == 1) gWriteFile(path, binary);
+        if (kind == 2) {
+            std::remove(path.c_str());
+            mkdir(path.c_str(), 0755);
+        }
+        CAssociativeArray db(16);
+        mGenerator.CreateInformationDB(db);
+        char const* data = nullptr;
+        int length = 0;
+        db.GetValueOfParameter("$VANTAGEINI", data, length);
+        EXPECT_EQ(std::string(data, static_cast<size_t>(length)), kind == 1 ? binary : "Not Found");
+    }
 }
 
-TEST_F(SupportTest, HelpersStatusDirectoryAndFiles) {
+TEST_F(SupportTest, StatusSenseAndDirectoryRoom) {
     struct Status {
         int status, error;
         bool ok;
@@ -240,81 +215,52 @@ TEST_F(SupportTest, HelpersStatusDirectoryAndFiles) {
     EXPECT_FALSE(mGenerator.GetKZDirectoryPath(buffer, static_cast<int>(mWork.size() + 1)));
     EXPECT_TRUE(mGenerator.GetKZDirectoryPath(buffer, static_cast<int>(mWork.size() + 2)));
     EXPECT_FALSE(mGenerator.GetKZDirectoryPath(buffer, 0));
-
-    CAssociativeArray db(16);
-    EXPECT_FALSE(mGenerator.AddFileToDB("k", (mWork + "/absent").c_str(), db));
-    EXPECT_FALSE(mGenerator.AddFileToDB("k", mWork.c_str(), db));
-    EXPECT_EQ(db.entries(), 0u);
-    std::string const big(100000, 'x');
-    gWriteFile(mWork + "/big", big);
-    EXPECT_TRUE(mGenerator.AddFileToDB("k", (mWork + "/big").c_str(), db));
-    EXPECT_EQ(db.GetValueOfParameter("k"), big);
 }
 
-class ReportTest : public SupportTest {
-protected:
-    // A record as CreateInformationDB leaves it, up to the key `last` (the rest missing).
-    static void fill(CAssociativeArray& db, char const* last = "$VANTAGEINI") {
-        std::pair<char const*, char const*> const pairs[] = {
-            {"$HOSTNAME", "alpha"}, {"$IPCONFIG", "eth0 up\n"}, {"$SYSTEMREPORT", "Linux alpha"}, {"$VANTAGEINI", "a=1\n"}};
-        for (auto const& [key, value] : pairs) {
-            db.AddCouple(key, value);
-            if (std::string(key) == last) return;
-        }
-    }
-    std::string report(CAssociativeArray& db, bool* result = nullptr) {
-        std::string const path = mWork + "/report.txt";
-        {
-            std::ofstream out(path);
-            bool const r = mGenerator.GenerateReportFile(out, db);
-            if (result) *result = r;
-        }
-        return gReadFile(path);
-    }
-};
+// A record as CreateInformationDB leaves it, with its first `count` keys.
+void gFill(CAssociativeArray& db, size_t count = 4) {
+    char const* const pairs[][2] = {
+        {"$HOSTNAME", "alpha"}, {"$IPCONFIG", "eth0 up\n"}, {"$SYSTEMREPORT", "Linux alpha"}, {"$VANTAGEINI", "a=1\n"}};
+    for (size_t i = 0; i < count; ++i) db.AddCouple(pairs[i][0], pairs[i][1]);
+}
 
-TEST_F(ReportTest, SectionsInOrderWithAndWithoutProductInformation) {
-    CAssociativeArray db(16);
-    fill(db);
-    bool result = false;
-    std::string const head = kRule + "Complete Report For Host: alpha\n" + kRule;
-    std::string const interface = kRule + "IP Configuration: " + kRule + "\neth0 up\n";
-    std::string const system = kRule + "System And Hardware Configuration: " + kRule + "\nLinux alpha";
+TEST_F(SupportTest, ReportSectionsInOrderAndWhereTheReportEnds) {
+    std::string const head = kRule + "Complete Report For Host: alpha\n" + kRule + kRule + "IP Configuration: " + kRule +
+                             "\neth0 up\n" + kRule + "System And Hardware Configuration: " + kRule + "\n";
     std::string const configuration = kRule + "Vantage.ini File: " + kRule + "\na=1\n";
-    EXPECT_EQ(report(db, &result), head + interface + system + configuration);
-    EXPECT_TRUE(result);
-
-    db.AddCouple("$QRCTIDLL", "product 7.1");
     std::string const product = kRule + "Vantage Product Information(qrcti.dll): " + kRule + "\nproduct 7.1";
-    EXPECT_EQ(report(db), head + interface + system + product + configuration);
-    EXPECT_TRUE(lines().empty());
-}
-
-TEST_F(ReportTest, NoHostNameWritesNothing) {
-    CAssociativeArray db(16);
-    db.AddCouple("$IPCONFIG", "x");
-    bool result = true;
-    EXPECT_EQ(report(db, &result), "");
-    EXPECT_FALSE(result);
-}
-
-TEST_F(ReportTest, MissingKeyEndsTheReportWithAnErrorRecord) {
-    CAssociativeArray db(16);
-    fill(db, "$IPCONFIG");
-    bool result = false;
-    std::string const text = report(db, &result);
-    EXPECT_TRUE(result);
-    EXPECT_EQ(text, kRule + "Complete Report For Host: alpha\n" + kRule + kRule + "IP Configuration: " + kRule +
-                        "\neth0 up\n" + kRule + "System And Hardware Configuration: " + kRule + "\n");
-    std::vector<Line> const all = lines();
-    ASSERT_EQ(all.size(), 1u);
-    EXPECT_EQ(all[0].tag, "Error");
-    EXPECT_EQ(all[0].line, 659);
-    try {
-        db.GetValueOfParameter("$SYSTEMREPORT");
-        ADD_FAILURE() << "no exception";
-    } catch (std::exception const& e) {
-        EXPECT_EQ(all[0].text, e.what());
+    struct Row {
+        size_t keys;  // how many of the gathered keys the record holds
+        bool product;
+        std::string text;
+        bool result;
+    } const rows[] = {
+        {4, false, head + "Linux alpha" + configuration, true},
+        {4, true, head + "Linux alpha" + product + configuration, true},
+        {2, false, head, true},  // a missing key ends the report with an Error record
+        {0, false, "", false},   // without the host name nothing is written
+    };
+    for (Row const& row : rows) {
+        SCOPED_TRACE(row.text);
+        mCapture.clear();
+        CAssociativeArray db(16);
+        gFill(db, row.keys);
+        if (row.product) db.AddCouple("$QRCTIDLL", "product 7.1");
+        std::ofstream out(mWork + "/report.txt");
+        EXPECT_EQ(mGenerator.GenerateReportFile(out, db), row.result);
+        out.close();
+        EXPECT_EQ(gReadFile(mWork + "/report.txt"), row.text);
+        std::vector<Line> const all = lines();
+        ASSERT_EQ(all.size(), row.keys == 2 ? 1u : 0u);
+        if (all.empty()) continue;
+        EXPECT_EQ(all[0].tag, "Error");
+        EXPECT_EQ(all[0].line, 659);
+        try {
+            db.GetValueOfParameter("$SYSTEMREPORT");
+            ADD_FAILURE() << "no exception";
+        } catch (std::exception const& e) {
+            EXPECT_EQ(all[0].text, e.what());
+        }
     }
 }
 
@@ -336,9 +282,9 @@ private:
     void (*mFail)();
 };
 
-TEST_F(ReportTest, StreamFailuresAreCaughtAndLogged) {
+TEST_F(SupportTest, ReportStreamFailuresAreCaughtAndLogged) {
     CAssociativeArray db(16);
-    fill(db);
+    gFill(db);
 
     // A stream that reports errors by exception: the first write fails.
     std::ofstream closed;

@@ -1,6 +1,6 @@
 // The event registry: handler indices, registration and replacement of events, dispatch that
-// keeps or drops clients (observed through destruction counters), serial numbers, and the
-// Error records of the checks.
+// keeps or drops clients (observed through destruction counters), and the Error records of
+// the checks.
 #include "socketlib.h"
 
 #include "tagscope.h"
@@ -42,14 +42,8 @@ public:
 class TestClient : public ClientObj {
 public:
     ~TestClient() override { ++gClientsDestroyed; }
-    int keep(BaseEvent& event) {
-        seen.push_back(&event);
-        return 1;
-    }
-    int finish(BaseEvent& event) {
-        seen.push_back(&event);
-        return 0;
-    }
+    int keep(BaseEvent& event) { seen.push_back(&event); return 1; }
+    int finish(BaseEvent& event) { seen.push_back(&event); return 0; }
     int keepIndex() { return signOn(static_cast<ClientHandler>(&TestClient::keep)); }
     int finishIndex() { return signOn(static_cast<ClientHandler>(&TestClient::finish)); }
     // Lets a test put the counters out of step, a state no public operation brings about.
@@ -81,28 +75,47 @@ protected:
     void SetUp() override { gEventsDestroyed = gClientsDestroyed = 0; }
 };
 
-TEST_F(RegistryTest, SignOnIssuesOneTo256ThenRefuses) {
+TEST_F(RegistryTest, SignOnIssuesOneTo256AndDispatchStaysInTheTable) {
     ErrorRecords errors;
     TestClient client;
-    EXPECT_EQ(client.keepIndex(), 1);
-    EXPECT_EQ(client.finishIndex(), 2);
-    for (int expected = 3; expected <= 256; ++expected) ASSERT_EQ(client.keepIndex(), expected);
-    EXPECT_EQ(client.keepIndex(), -1);
-    EXPECT_EQ(client.finishIndex(), -1);
+    for (int expected = 1; expected <= 256; ++expected) ASSERT_EQ(client.keepIndex(), expected);
+    EXPECT_EQ(client.finishIndex(), -1);  // refused, and nothing stored: 256 still keeps
     EXPECT_EQ(errors.count(), 0u);
 
-    // The refused calls stored nothing: index 256 still holds the first "keep" handler.
-    BaseEvent last(0, &client, 256);
-    EXPECT_EQ(client.dispatch(last), 1);
-    EXPECT_EQ(client.seen, std::vector<BaseEvent*>{&last});
+    struct Case {
+        int index, result;
+        size_t reports;
+    } const cases[] = {
+        {256, 1, 1},      // a handler is there: reported for the range, and it still runs
+        {0, -1, 1},       // slot 0 is never issued: an empty slot, no handler runs
+        {100000, -1, 1},  // beyond the table: the range report only, nothing read outside
+        {-1, -1, 0},      // below the checked bound: no report, no call
+    };
+    std::vector<int> lines;  // of the first record of each row
+    for (Case const& c : cases) {
+        SCOPED_TRACE(c.index);
+        errors.clear();
+        BaseEvent event(0, &client, c.index);
+        EXPECT_EQ(client.dispatch(event), c.result);
+        ASSERT_EQ(errors.count(), c.reports);
+        if (c.reports) lines.push_back(errors.records()[0].line);
+    }
+    EXPECT_NE(lines[0], lines[1]);  // the empty slot is another check than the range
+    EXPECT_EQ(lines[2], lines[0]);
+    EXPECT_EQ(client.seen.size(), 1u);
 }
 
 TEST_F(RegistryTest, DispatchCallsTheHandlerAtTheEventsIndex) {
+    ErrorRecords errors;
     TestClient client;
+    EXPECT_EQ(client.signOn(nullptr), 1);  // reported, and stored all the same
+    EXPECT_EQ(errors.count(), 1u);
     int const keep = client.keepIndex();
     int const finish = client.finishIndex();
-    BaseEvent toKeep(0, &client, keep);
-    BaseEvent toFinish(0, &client, finish);
+    EXPECT_EQ(keep, 2);
+    BaseEvent toNull(0, &client, 1), toKeep(0, &client, keep), toFinish(0, &client, finish);
+    EXPECT_EQ(client.dispatch(toNull), -1);  // the stored null slot is reported as empty
+    EXPECT_EQ(errors.count(), 2u);
     EXPECT_EQ(client.dispatch(toKeep), 1);
     EXPECT_EQ(toKeep.dispatchMe(), 1);
     EXPECT_EQ(client.dispatch(toFinish), 0);
@@ -113,44 +126,6 @@ TEST_F(RegistryTest, DispatchCallsTheHandlerAtTheEventsIndex) {
     EXPECT_EQ(toFinish.dispatchEvent(incoming), 0);
     EXPECT_EQ(incoming.handlerIndex, finish);
     EXPECT_EQ(client.seen.back(), &incoming);
-}
-
-TEST_F(RegistryTest, DispatchReportsIndexAbove255AndEmptySlots) {
-    TestClient client;
-    for (int i = 0; i < 256; ++i) client.keepIndex();
-    struct Case {
-        int index, result;
-        size_t reports;
-    } const cases[] = {
-        {256, 1, 1},      // a handler is there: reported for the range, and it still runs
-        {0, -1, 1},       // slot 0 is never issued: an empty slot, no handler runs
-        {100000, -1, 1},  // beyond the table: the range report only, nothing read outside
-        {-1, -1, 0},      // below the checked bound: no report, no call
-    };
-    int rangeLine = 0;
-    for (Case const& c : cases) {
-        ErrorRecords errors;
-        BaseEvent event(0, &client, c.index);
-        EXPECT_EQ(client.dispatch(event), c.result) << c.index;
-        ASSERT_EQ(errors.count(), c.reports) << c.index;
-        if (c.index == 256) rangeLine = errors.records()[0].line;
-        if (c.index == 0) {
-            EXPECT_NE(errors.records()[0].line, rangeLine);  // a different check
-        }
-    }
-    EXPECT_EQ(client.seen.size(), 1u);
-}
-
-TEST_F(RegistryTest, NullHandlerIsReportedAndStored) {
-    ErrorRecords errors;
-    TestClient client;
-    EXPECT_EQ(client.signOn(nullptr), 1);
-    EXPECT_EQ(errors.count(), 1u);
-    EXPECT_EQ(client.keepIndex(), 2);
-    errors.clear();
-    BaseEvent event(0, &client, 1);
-    EXPECT_EQ(client.dispatch(event), -1);  // the stored null slot is reported as empty
-    EXPECT_EQ(errors.count(), 1u);
 }
 
 TEST_F(RegistryTest, CountersOutOfStepAreReportedAndStayInsideTheTable) {
@@ -179,36 +154,22 @@ TEST_F(RegistryTest, CountersOutOfStepAreReportedAndStayInsideTheTable) {
     EXPECT_EQ(errors.count(), 1u);
 }
 
-TEST_F(RegistryTest, RegisteringAnEqualEventReplacesWithoutDestroying) {
+TEST_F(RegistryTest, RegistrationGoesByIdentityAndTheServerOwnsWhatItHolds) {
     TestClient client;
-    int const index = client.keepIndex();
-    auto* first = new KeyedEvent(7, &client, index);
-    auto* second = new KeyedEvent(7, &client, index);
-    auto* other = new KeyedEvent(8, &client, index);
+    KeyedEvent first(7, &client, 1);  // the caller's throughout: never destroyed by the server
+    auto* second = new KeyedEvent(7, &client, 1);
+    auto* other = new KeyedEvent(8, &client, 1);
+    KeyedEvent probe(7, nullptr, 0), stranger(9, nullptr, 0);
     {
         TestServer server;
-        EXPECT_EQ(client.pleaseRegister(server, *first), 1);
+        EXPECT_EQ(client.pleaseRegister(server, first), 1);
         EXPECT_EQ(server.registerEvent(*other), 1);
-        EXPECT_EQ(server.findEvent(*second), first);
-        EXPECT_EQ(server.registerEvent(*second), 1);
+        EXPECT_EQ(server.findEvent(*second), &first);
+        EXPECT_EQ(server.registerEvent(*second), 1);  // replaces first without destroying it
         EXPECT_EQ(server.entries(), 2u);
-        EXPECT_EQ(server.findEvent(*first), second);
-        EXPECT_EQ(gEventsDestroyed, 0);  // the replaced one went back to its owner
-    }
-    EXPECT_EQ(gEventsDestroyed, 2);  // the server destroyed second and other
-    delete first;
-}
-
-TEST_F(RegistryTest, UnregisteringLeavesTheEventToTheCallerAndAnonymousOnesStay) {
-    TestClient client;
-    KeyedEvent registered(1, &client, 1);
-    {
-        TestServer server;
-        KeyedEvent probe(1, nullptr, 0);
-        KeyedEvent stranger(2, nullptr, 0);
-        server.registerEvent(registered);
+        EXPECT_EQ(server.findEvent(probe), second);
         EXPECT_EQ(client.pleaseUnRegister(server, stranger), 0);
-        EXPECT_NE(client.pleaseUnRegister(server, probe), 0);
+        EXPECT_NE(client.pleaseUnRegister(server, probe), 0);  // second goes back to the caller
         EXPECT_EQ(server.findEvent(probe), nullptr);
         EXPECT_EQ(server.unRegisterEvent(probe), 0);
 
@@ -219,10 +180,11 @@ TEST_F(RegistryTest, UnregisteringLeavesTheEventToTheCallerAndAnonymousOnesStay)
         server.registerEvent(*b);
         EXPECT_EQ(server.findEvent(*a), nullptr);
         EXPECT_EQ(server.unRegisterEvent(*b), 0);
-        EXPECT_EQ(server.entries(), 2u);
+        EXPECT_EQ(server.entries(), 3u);
         EXPECT_EQ(gEventsDestroyed, 0);
     }
-    EXPECT_EQ(gEventsDestroyed, 2);  // the anonymous ones went with the server
+    EXPECT_EQ(gEventsDestroyed, 3);  // other and the anonymous ones went with the server
+    delete second;
 }
 
 TEST_F(RegistryTest, DispatchEventKeepsOrDropsTheClient) {
@@ -230,12 +192,10 @@ TEST_F(RegistryTest, DispatchEventKeepsOrDropsTheClient) {
     auto* dropped = new TestClient;
     auto* kept = new TestClient;
     int const finish = dropped->finishIndex();
-    int const keep = kept->keepIndex();
     auto* droppedA = new KeyedEvent(1, dropped, finish);
-    auto* droppedB = new KeyedEvent(2, dropped, finish);
-    auto* keptA = new KeyedEvent(3, kept, keep);
+    auto* keptA = new KeyedEvent(3, kept, kept->keepIndex());
     server.registerEvent(*droppedA);
-    server.registerEvent(*droppedB);
+    server.registerEvent(*new KeyedEvent(2, dropped, finish));
     server.registerEvent(*keptA);
 
     // A handler answering 1 changes nothing.
@@ -254,79 +214,66 @@ TEST_F(RegistryTest, DispatchEventKeepsOrDropsTheClient) {
 
     // An unregistered event whose handler answers 0 still drops its client's events.
     auto* late = new TestClient;
-    auto* lateEvent = new KeyedEvent(4, late, late->finishIndex());
-    server.registerEvent(*lateEvent);
+    server.registerEvent(*new KeyedEvent(4, late, late->finishIndex()));
     KeyedEvent transient(5, late, 1);
     server.dispatchEvent(transient);
     EXPECT_EQ(gEventsDestroyed, 3);
     EXPECT_EQ(gClientsDestroyed, 2);
     EXPECT_EQ(server.entries(), 1u);
-    delete kept;  // its event keepA goes with the server
+    delete kept;  // its event keptA goes with the server
 }
 
 TEST_F(RegistryTest, UnRegisterClientTouchesOnlyThatClient) {
-    TestClient a;
-    TestClient b;
+    TestClient a, b;
     {
         TestServer server;
-        for (int key = 0; key < 40; ++key)
-            server.registerEvent(*new KeyedEvent(key, key % 2 ? &a : &b, 1));
+        for (int key = 0; key < 40; ++key) server.registerEvent(*new KeyedEvent(key, key % 2 ? &a : &b, 1));
         a.pleaseUnRegisterAll(server);
         EXPECT_EQ(gEventsDestroyed, 20);
         EXPECT_EQ(server.entries(), 20u);
         for (int key = 0; key < 40; ++key) {
             KeyedEvent probe(key, nullptr, 0);
             BaseEvent* found = server.findEvent(probe);
-            ClientObj* const owner = found ? found->eventClient : nullptr;
-            EXPECT_EQ(owner, key % 2 ? nullptr : &b) << key;
+            EXPECT_EQ(found ? found->eventClient : nullptr, key % 2 ? nullptr : &b) << key;
         }
     }
     EXPECT_EQ(gEventsDestroyed, 40);  // the rest went with the server
     EXPECT_EQ(gClientsDestroyed, 0);
 }
 
-TEST_F(RegistryTest, EventsWithoutClientAreReported) {
-    ErrorRecords errors;
-    TestServer server;
-    BaseEvent orphan(0, nullptr, 1);
-    EXPECT_EQ(orphan.dispatchMe(), 0);
-    EXPECT_EQ(errors.count(), 1u);
-    BaseEvent incoming;
-    EXPECT_EQ(orphan.dispatchEvent(incoming), 0);
-    EXPECT_EQ(errors.count(), 2u);
-    server.dispatchEvent(orphan);  // answer 0 without a client: nothing to drop
-    EXPECT_EQ(errors.count(), 3u);
-    EXPECT_EQ(gClientsDestroyed, 0);
-
-    // The records are only made while the Error tag is on.
-    nLog::gEnable("Error", false);
-    EXPECT_EQ(orphan.dispatchMe(), 0);
-    EXPECT_EQ(errors.count(), 3u);
-}
-
-TEST_F(RegistryTest, ServerWithoutTableReportsOnDestruction) {
+TEST_F(RegistryTest, MissingClientOrTableIsReported) {
     ErrorRecords errors;
     {
         TestServer server;
+        BaseEvent orphan(0, nullptr, 1), incoming;
+        EXPECT_EQ(orphan.dispatchMe(), 0);
+        EXPECT_EQ(errors.count(), 1u);
+        EXPECT_EQ(orphan.dispatchEvent(incoming), 0);
+        EXPECT_EQ(errors.count(), 2u);
+        server.dispatchEvent(orphan);  // answer 0 without a client: nothing to drop
+        EXPECT_EQ(errors.count(), 3u);
+        EXPECT_EQ(gClientsDestroyed, 0);
+        {
+            nTagScope::TagScope off("Error", false);  // records only while the tag is on
+            EXPECT_EQ(orphan.dispatchMe(), 0);
+        }
+        // Without a table nothing is stored or found; the destructor reports it.
         server.dropTable();
         KeyedEvent event(1, nullptr, 0);
         EXPECT_EQ(server.registerEvent(event), 0);
         EXPECT_EQ(server.findEvent(event), nullptr);
-        EXPECT_EQ(errors.count(), 0u);
+        EXPECT_EQ(errors.count(), 3u);
     }
-    EXPECT_EQ(errors.count(), 1u);
+    EXPECT_EQ(errors.count(), 4u);
 }
 
-TEST_F(RegistryTest, SerialNumbersAndAnonymousIdentity) {
+TEST_F(RegistryTest, SerialNumbersNamesAndIdentity) {
     TestClient first;
     ServerObj second(0);  // a bucket count below 1 is taken as 1
     EXPECT_EQ(second.value(), first.value() + 1);
     EXPECT_GT(first.value(), 0);
     EXPECT_STREQ(static_cast<ValidateObject const&>(second).nameOf(), "ServerObj");  // virtual
-    // Anonymous as collectables: equal to nothing, themselves included.
-    BaseEvent event(42, &first, 3);
-    EXPECT_FALSE(first.isEqual(&first));
-    EXPECT_FALSE(event.isEqual(&event));
+    EXPECT_FALSE(first.isEqual(&first));  // equal to nothing, itself included
 }
 
 }  // namespace

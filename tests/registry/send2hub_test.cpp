@@ -1,5 +1,5 @@
-// The hub key dump: exact texts, the missing-value failure (null result, nothing printed) and
-// the text's ownership.
+// The hub key dump: exact texts through both entry points, the missing-value failure (null
+// result, nothing printed) and the text's ownership.
 #include "send2hub.h"
 
 #include "associativearray.h"
@@ -19,13 +19,6 @@ struct HubText {  // owns a dump and releases it with FreeHubDumpArray
 };
 using HubTextPtr = std::unique_ptr<char, HubText>;
 
-template <class... Args>
-std::string gDump(char const* from, Args... args) {
-    HubTextPtr text(DumpHubArray(from, args..., kEnd));
-    EXPECT_NE(text, nullptr);
-    return text ? std::string(text.get()) : std::string("<null>");
-}
-
 char* gDumpThroughVaList(char const* from, ...) {
     va_list args;
     va_start(args, from);
@@ -34,39 +27,37 @@ char* gDumpThroughVaList(char const* from, ...) {
     return text;
 }
 
+// The dump of `args`, which the va_list form must write alike.
+template <class... Args>
+std::string gDump(char const* from, Args... args) {
+    HubTextPtr text(DumpHubArray(from, args..., kEnd));
+    HubTextPtr forwarded(gDumpThroughVaList(from, args..., kEnd));
+    if (!text || !forwarded) return "<null>";
+    EXPECT_STREQ(forwarded.get(), text.get());
+    return text.get();
+}
+
 TEST(HubDump, WritesTheTextFormWithTheSenderFirst) {
     EXPECT_EQ(gDump("agent", "mode", "fast"), "2 '5 $FROM '5 agent '4 mode '4 fast");
     EXPECT_EQ(gDump(""), "1 '5 $FROM '0 ");
     EXPECT_EQ(gDump("hub", "", "v", "k", ""), "3 '5 $FROM '3 hub '0  '1 v '1 k '0 ");
     // Keys are written as given: duplicates and a caller's own "$FROM" are not checked.
-    EXPECT_EQ(gDump("a", "$FROM", "b", "k", "1", "k", "2"),
-              "4 '5 $FROM '1 a '5 $FROM '1 b '1 k '1 1 '1 k '1 2");
+    EXPECT_EQ(gDump("a", "$FROM", "b", "k", "1", "k", "2"), "4 '5 $FROM '1 a '5 $FROM '1 b '1 k '1 1 '1 k '1 2");
     // Blanks, quotes and digits inside texts are counted like any byte.
     EXPECT_EQ(gDump("x y", "'3 z", "a b c"), "2 '5 $FROM '3 x y '4 '3 z '5 a b c");
-}
 
-TEST(HubDump, CountsAndLengthsOfManyDigits) {
+    // Counts and lengths of several digits.
     std::string const longValue(12345, 'v');
     std::string expected = "11 '5 $FROM '1 s";
-    HubTextPtr text(DumpHubArray("s", "k0", "v", "k1", "v", "k2", "v", "k3", "v", "k4", "v", "k5", "v", "k6",
-                                 "v", "k7", "v", "k8", "v", "long", longValue.c_str(), kEnd));
     for (int i = 0; i < 9; ++i) expected += " '2 k" + std::to_string(i) + " '1 v";
-    expected += " '4 long '12345 " + longValue;
-    ASSERT_NE(text, nullptr);
-    EXPECT_EQ(std::string(text.get()), expected);
-}
-
-TEST(HubDump, VaListFormGivesTheSameText) {
-    HubTextPtr direct(DumpHubArray("agent", "mode", "fast", "n", "1", kEnd));
-    HubTextPtr forwarded(gDumpThroughVaList("agent", "mode", "fast", "n", "1", kEnd));
-    ASSERT_TRUE(direct && forwarded);
-    EXPECT_STREQ(direct.get(), forwarded.get());
+    EXPECT_EQ(gDump("s", "k0", "v", "k1", "v", "k2", "v", "k3", "v", "k4", "v", "k5", "v", "k6", "v", "k7", "v", "k8",
+                    "v", "long", longValue.c_str()),
+              expected + " '4 long '12345 " + longValue);
 }
 
 TEST(HubDump, NullValueOrSenderGivesNullAndPrintsNothing) {
-    char* text = reinterpret_cast<char*>(1);
     testing::internal::CaptureStdout();
-    text = DumpHubArray("agent", "a", "1", "broken", kEnd, kEnd);
+    char* const text = DumpHubArray("agent", "a", "1", "broken", kEnd, kEnd);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
     EXPECT_EQ(text, nullptr);
     EXPECT_EQ(gDumpThroughVaList("agent", "broken", kEnd), nullptr);

@@ -1,4 +1,5 @@
-// Addresses: splitting by the tokenizer rule and joining with the separator always written.
+// Addresses: splitting by the tokenizer rule, joining with the separator always written, and
+// null texts refused.
 #include "zepnames.h"
 
 #include <gtest/gtest.h>
@@ -28,11 +29,13 @@ TEST(Address, SplitsAtTheFirstTwoTokens) {
         {"name with blanks@host-1.example", "name with blanks", "host-1.example"},
     };
     for (Split const& c : cases) {
+        SCOPED_TRACE(c.text);
         CColloquyAddress const address(c.text);
-        EXPECT_EQ(address.namePart, c.name) << c.text;
-        EXPECT_EQ(address.hostPart, c.host) << c.text;
-        EXPECT_EQ(address.fullAddress, c.text) << "kept exactly as given";
+        EXPECT_EQ(address.namePart, c.name);
+        EXPECT_EQ(address.hostPart, c.host);
+        EXPECT_EQ(address.fullAddress, c.text);  // kept exactly as given
     }
+    EXPECT_THROW(CColloquyAddress(static_cast<char const*>(nullptr)), std::invalid_argument);
 }
 
 TEST(Address, JoinsWithTheSeparatorAlwaysWritten) {
@@ -41,10 +44,6 @@ TEST(Address, JoinsWithTheSeparatorAlwaysWritten) {
         {"a@b@c", "a@b", "c"},  // parts holding the separator are joined as they are
     };
     for (Split const& c : cases) EXPECT_EQ(CColloquyAddress(c.name, c.host).fullAddress, c.text) << c.text;
-}
-
-TEST(Address, NullTextIsAClearError) {
-    EXPECT_THROW(CColloquyAddress(static_cast<char const*>(nullptr)), std::invalid_argument);
     EXPECT_THROW(CColloquyAddress(nullptr, "host"), std::invalid_argument);
     EXPECT_THROW(CColloquyAddress("name", nullptr), std::invalid_argument);
 }

@@ -1,5 +1,5 @@
 // The socket layer: connection set-up and its errors, exact receives with the read buffer,
-// time-outs, signals, closing and a peer that has gone.
+// time-outs and signals.
 #include "streamtest.h"
 
 #include <pthread.h>
@@ -200,19 +200,6 @@ TEST(SocketLayer, SignalsDoNotInterruptATransfer) {
         receiveUnderSignals(unbounded, nullptr);
     }
     ::sigaction(SIGUSR1, &previous, nullptr);
-}
-
-TEST(SocketLayer, CloseEndsTheConnectionForEveryCopyOfTheHandle) {
-    RawPeerPair pair;
-    nSock::cHandleValid const handle = nSock::gValidate(pair.socket.GetHandle());
-    EXPECT_TRUE(nSock::gClose(handle));
-    EXPECT_TRUE(rawSeesEnd(pair.peer));
-    EXPECT_FALSE(nSock::gIsValid(pair.socket.GetHandle()));
-    EXPECT_FALSE(nSock::gClose(handle));
-    char c = 0;
-    EXPECT_FALSE(nSock::gSend(handle, 1, &c));
-    EXPECT_FALSE(nSock::gReceive(handle, 1, &c, false, patience()));
-    nSock::gDelete(nSock::gInvalidHandle());  // ignored
 }
 
 }  // namespace

@@ -50,7 +50,8 @@ TEST(SocketOwner, TracesEachOperationClosesAndReleasesItsHandle) {
     }
     EXPECT_EQ(::fcntl(listenerFd, F_GETFD), -1) << "the destructor releases the listener";
 
-    // Closing an adopted connection ends it for the peer and keeps the handle object.
+    // Closing an adopted connection ends it for the peer and for every copy of the handle, and
+    // keeps the handle object.
     unsigned short port = 0;
     RawFd rawListener = rawListen(port);
     nSock::cHandleValid connection = nSock::gCreateConnectedLocal(port, boundedOptions());
@@ -63,7 +64,13 @@ TEST(SocketOwner, TracesEachOperationClosesAndReleasesItsHandle) {
         EXPECT_EQ(&owner.GetHandle(), before);
         EXPECT_TRUE(rawSeesEnd(peer));
         EXPECT_FALSE(owner.CloseSocket());
+        EXPECT_FALSE(nSock::gIsValid(connection));
+        char c = 0;
+        EXPECT_FALSE(nSock::gSend(connection, 1, &c));
+        EXPECT_FALSE(nSock::gReceive(connection, 1, &c, false, patience()));
+        EXPECT_FALSE(nSock::gClose(connection));
     }
+    nSock::gDelete(nSock::gInvalidHandle());  // ignored
     EXPECT_EQ(countOf(capture, "ColloquyT"), 4u);  // adopting, two closes, destructor
 }
 

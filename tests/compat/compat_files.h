@@ -4,36 +4,36 @@
 
 #include <cstdio>
 #include <fstream>
-#include <memory>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace compat {
 
-// The lines of a text file; throws when it cannot be read, so a missing input never passes.
-inline std::vector<std::string> gReadLines(std::string const& path) {
-    std::ifstream in(path);
-    if (!in) throw std::runtime_error("cannot read " + path);
+inline std::vector<std::string> gLines(std::istream& in) {
     std::vector<std::string> lines;
     for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
 }
 
+// The lines of a text file; throws when it cannot be read, so a missing input never passes.
+inline std::vector<std::string> gReadLines(std::string const& path) {
+    std::ifstream in(path);
+    if (!in) throw std::runtime_error("cannot read " + path);
+    return gLines(in);
+}
+
 // The standard output lines of a shell command; throws when it cannot run or fails.
 inline std::vector<std::string> gCommandLines(std::string const& command) {
-    std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
+    FILE* pipe = popen(command.c_str(), "r");
     if (!pipe) throw std::runtime_error("cannot run " + command);
-    std::vector<std::string> lines;
-    std::string line;
-    for (int c; (c = std::fgetc(pipe.get())) != EOF;) {
-        if (c != '\n') { line += char(c); continue; }
-        lines.push_back(line);
-        line.clear();
-    }
-    if (!line.empty()) lines.push_back(line);
-    if (pclose(pipe.release()) != 0) throw std::runtime_error("command failed: " + command);
-    return lines;
+    std::string output;
+    char buffer[4096];
+    while (size_t n = std::fread(buffer, 1, sizeof buffer, pipe)) output.append(buffer, n);
+    if (pclose(pipe) != 0) throw std::runtime_error("command failed: " + command);
+    std::istringstream in(output);
+    return gLines(in);
 }
 
 // Leading and trailing blanks removed.

@@ -60,16 +60,6 @@ std::vector<std::string> words(std::string const& text) {
     return result;
 }
 
-// Slots a class declares itself: a destructor takes two (complete and deleting).
-Table declaredSlots(std::string const& owner, std::vector<std::string> const& names) {
-    Table slots;
-    for (auto const& name : names) {
-        slots.push_back({owner, name});
-        if (name == "~") slots.push_back({owner, name});
-    }
-    return slots;
-}
-
 // The table a class must have: its base's with the overridden slots taken over, then its own.
 Table expectedTable(std::string const& owner, Table const& base, std::vector<std::string> const& declared,
                     std::vector<std::string> const& overridden) {
@@ -80,7 +70,10 @@ Table expectedTable(std::string const& owner, Table const& base, std::vector<std
             if (slot.name == name) slot.owner = owner, found = true;
         EXPECT_TRUE(found) << owner << " overrides " << name << ", which its base does not declare";
     }
-    for (Slot const& slot : declaredSlots(owner, declared)) expected.push_back(slot);
+    for (auto const& name : declared) {
+        expected.push_back({owner, name});
+        if (name == "~") expected.push_back({owner, name});  // complete and deleting destructor
+    }
     return expected;
 }
 

@@ -8,8 +8,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -99,8 +97,8 @@ TEST(Log, CapturesSeeRecordsOfOtherThreads) {
     EXPECT_NE(other, nLog::gThreadId());
 }
 
-// Runs the probe program with the given environment; returns its standard output and leaves
-// its log output in `logFile`.
+// Runs the probe program with the given environment, its log going to `logFile`; returns its
+// standard output.
 std::string runProbe(std::string const& environment, std::string const& logFile) {
     std::string const command = "env -u COLLOQUY_LOG -u COLLOQUY_LOG_FILE " + environment +
                                 " COLLOQUY_LOG_FILE='" + logFile + "' " + LOG_PROBE_PATH;
@@ -113,34 +111,27 @@ std::string runProbe(std::string const& environment, std::string const& logFile)
     return out;
 }
 
-class LogEnvironment : public ::testing::Test {
-protected:
-    void SetUp() override {
-        char name[] = "/tmp/colloquy_log_XXXXXX";
-        int fd = ::mkstemp(name);
-        ASSERT_GE(fd, 0);
-        ::close(fd);
-        mPath = name;
-    }
-    void TearDown() override { std::remove(mPath.c_str()); }
-    std::string mPath;
-};
-
-TEST_F(LogEnvironment, TheEnvironmentChoosesTheTagsAndTheFile) {
-    EXPECT_EQ(runProbe("", mPath), "Error Warning Execution \n");
-    std::string const log = gReadFile(mPath);
+TEST(Log, TheEnvironmentChoosesTheTagsAndTheFile) {
+    char name[] = "/tmp/colloquy_log_XXXXXX";
+    int const fd = ::mkstemp(name);
+    ASSERT_GE(fd, 0);
+    ::close(fd);
+    std::string const path = name;
+    EXPECT_EQ(runProbe("", path), "Error Warning Execution \n");
+    std::string const log = gReadFile(path);
     EXPECT_NE(log.find("Error\tColloquyUtil\t../src/probe\t7\t"), std::string::npos);
     EXPECT_NE(log.find("\tprobe\tExecution\n"), std::string::npos);
     EXPECT_EQ(log.find("probe\tTrace"), std::string::npos);
-    runProbe("", mPath);  // a second run appends
-    EXPECT_EQ(gReadFile(mPath).size(), 2 * log.size());
+    runProbe("", path);  // a second run appends
+    EXPECT_EQ(gReadFile(path).size(), 2 * log.size());
 
-    std::ofstream(mPath, std::ios::trunc).close();
-    EXPECT_EQ(runProbe("COLLOQUY_LOG='Trace, ColloquyT'", mPath), "Trace ColloquyT \n");
-    EXPECT_NE(gReadFile(mPath).find("ColloquyT\tColloquyUtil\t../src/probe\t7\t"), std::string::npos);
-    EXPECT_EQ(gReadFile(mPath).find("Error"), std::string::npos);
-    EXPECT_EQ(runProbe("COLLOQUY_LOG=all", mPath), "Error Warning Trace Execution ColloquyT \n");
-    EXPECT_EQ(runProbe("COLLOQUY_LOG=none", mPath), "\n");
+    gWriteFile(path, "");
+    EXPECT_EQ(runProbe("COLLOQUY_LOG='Trace, ColloquyT'", path), "Trace ColloquyT \n");
+    EXPECT_NE(gReadFile(path).find("ColloquyT\tColloquyUtil\t../src/probe\t7\t"), std::string::npos);
+    EXPECT_EQ(gReadFile(path).find("Error"), std::string::npos);
+    EXPECT_EQ(runProbe("COLLOQUY_LOG=all", path), "Error Warning Trace Execution ColloquyT \n");
+    EXPECT_EQ(runProbe("COLLOQUY_LOG=none", path), "\n");
+    std::remove(name);
 }
 
 }  // namespace

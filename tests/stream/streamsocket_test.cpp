@@ -23,37 +23,10 @@ extern "C" __attribute__((visibility("default"))) ssize_t send(int fd, void cons
 
 namespace {
 
-std::vector<nLog::cRecord> recordsOf(nLog::cCapture const& capture, std::string const& tag) {
-    std::vector<nLog::cRecord> out;
-    for (auto const& r : capture.records())
-        if (r.tag == tag) out.push_back(r);
-    return out;
-}
-
-// Receives one message; `data` starts as `sentinel` so that an untouched output shows.
-struct Received {
-    bool ok = false;
-    short type = 111;
-    short subType = 222;
-    char* data = nullptr;
-    int length = 333;
-};
-
-char sentinel[1];
-
-Received waitFor(StreamSocket& socket, nSock::iLatencyConfiguration* latency = patience()) {
-    Received r;
-    r.data = sentinel;
-    r.ok = socket.WaitTypedMessageZ1(r.type, r.subType, r.data, r.length, latency);
-    return r;
-}
-
-void expectUntouched(Received const& r) {
-    EXPECT_FALSE(r.ok);
-    EXPECT_EQ(r.type, 111);
-    EXPECT_EQ(r.subType, 222);
-    EXPECT_EQ(r.data, sentinel);
-    EXPECT_EQ(r.length, 333);
+size_t countOf(nLog::cCapture const& capture, std::string const& tag) {
+    size_t n = 0;
+    for (auto const& r : capture.records()) n += r.tag == tag;
+    return n;
 }
 
 TEST(SocketOwner, TracesEachOperationClosesAndReleasesItsHandle) {
@@ -77,7 +50,8 @@ TEST(SocketOwner, TracesEachOperationClosesAndReleasesItsHandle) {
     }
     EXPECT_EQ(::fcntl(listenerFd, F_GETFD), -1) << "the destructor releases the listener";
 
-    // Closing an adopted connection ends it for the peer and keeps the handle object.
+    // Closing an adopted connection ends it for the peer and for every copy of the handle, and
+    // keeps the handle object.
     unsigned short port = 0;
     RawFd rawListener = rawListen(port);
     nSock::cHandleValid connection = nSock::gCreateConnectedLocal(port, boundedOptions());
@@ -90,90 +64,92 @@ TEST(SocketOwner, TracesEachOperationClosesAndReleasesItsHandle) {
         EXPECT_EQ(&owner.GetHandle(), before);
         EXPECT_TRUE(rawSeesEnd(peer));
         EXPECT_FALSE(owner.CloseSocket());
+        EXPECT_FALSE(nSock::gIsValid(connection));
+        char c = 0;
+        EXPECT_FALSE(nSock::gSend(connection, 1, &c));
+        EXPECT_FALSE(nSock::gReceive(connection, 1, &c, false, patience()));
+        EXPECT_FALSE(nSock::gClose(connection));
     }
-    EXPECT_EQ(recordsOf(capture, "ColloquyT").size(), 4u);  // adopting, two closes, destructor
+    nSock::gDelete(nSock::gInvalidHandle());  // ignored
+    EXPECT_EQ(countOf(capture, "ColloquyT"), 4u);  // adopting, two closes, destructor
 }
 
+// Each message leaves as one wire image in one send call, after an entry trace; a missing body
+// or a negative length is reported on the Error tag (when it is on) and the stream stays framed.
 TEST(StreamSocket, SendsHeaderAndBodyAsOneWireImage) {
+    struct Case {
+        char const* what;
+        short type, subType;
+        char const* body;
+        int length;
+        Bytes image;
+        size_t errors;
+    } const cases[] = {
+        {"body", 7, 9, "abc", 3, {0, 0, 0, 3, 0, 7, 0, 9, 'a', 'b', 'c'}, 0},
+        {"binary body", -2, 0x1234, "\0\xff", 2, {0, 0, 0, 2, 0xFF, 0xFE, 0x12, 0x34, 0, 0xFF}, 0},
+        {"no body", 1, 2, nullptr, 0, {0, 0, 0, 0, 0, 1, 0, 2}, 1},
+        // The (shortened) header still goes out.
+        {"negative length", 1, 2, "x", -1, {0xFF, 0xFF, 0xFF, 0xFF, 0, 1, 0}, 1},
+        // Zero bytes stand for the missing body.
+        {"missing body of positive length", 3, 4, nullptr, 2, {0, 0, 0, 2, 0, 3, 0, 4, 0, 0}, 2},
+    };
     RawPeerPair pair;
-    tSendCalls = 0;
-    ASSERT_TRUE(pair.socket.SendTypedMessageZ2(7, 9, "abc", 3));
-    EXPECT_EQ(tSendCalls, 1) << "header and body leave in one call";
-    EXPECT_EQ(rawReceive(pair.peer, 11), (Bytes{0, 0, 0, 3, 0, 7, 0, 9, 'a', 'b', 'c'}));
-    ASSERT_TRUE(pair.socket.SendTypedMessageZ2(-2, 0x1234, std::string("\0\xff", 2).c_str(), 2));
-    EXPECT_EQ(rawReceive(pair.peer, 10), (Bytes{0, 0, 0, 2, 0xFF, 0xFE, 0x12, 0x34, 0, 0xFF}));
+    TagScope trace("ColloquyT", true);
+    for (bool errorsOn : {true, false}) {
+        TagScope error("Error", errorsOn);
+        for (Case const& c : cases) {
+            SCOPED_TRACE(std::string(c.what) + (errorsOn ? "" : ", Error off"));
+            nLog::cCapture capture;
+            tSendCalls = 0;
+            ASSERT_TRUE(pair.socket.SendTypedMessageZ2(c.type, c.subType, c.body, c.length));
+            EXPECT_EQ(tSendCalls, 1);
+            EXPECT_EQ(rawReceive(pair.peer, c.image.size()), c.image);
+            EXPECT_EQ(countOf(capture, "Error"), errorsOn ? c.errors : 0);
+            EXPECT_EQ(countOf(capture, "ColloquyT"), 1u);  // the entry trace
+            EXPECT_EQ(capture.records().size(), 1 + (errorsOn ? c.errors : 0));
+            for (auto const& r : capture.records()) {
+                EXPECT_EQ(r.file, "../src/streamsocket");
+                EXPECT_EQ(r.text, "");
+            }
+        }
+    }
+    EXPECT_THROW(pair.socket.SendTypedMessageZ2(1, 2, "x", -9), std::bad_array_new_length);
     ASSERT_TRUE(pair.socket.WriteDataZ1(2, "xy"));
     EXPECT_EQ(rawReceive(pair.peer, 2), bytesOf("xy"));
-}
-
-TEST(StreamSocket, ReportsAMissingBodyAndANegativeLength) {
-    RawPeerPair pair;
-    TagScope error("Error", true);
-    TagScope trace("ColloquyT", true);
-    nLog::cCapture capture;
-
-    ASSERT_TRUE(pair.socket.SendTypedMessageZ2(1, 2, nullptr, 0));
-    EXPECT_EQ(rawReceive(pair.peer, 8), (Bytes{0, 0, 0, 0, 0, 1, 0, 2}));
-    ASSERT_EQ(capture.records().size(), 2u);  // one Error and one trace, both from streamsocket
-    for (auto const& r : capture.records()) {
-        EXPECT_EQ(r.file, "../src/streamsocket");
-        EXPECT_EQ(r.text, "");
-    }
-    EXPECT_EQ(recordsOf(capture, "Error").size(), 1u);
-
-    // A negative length is reported and the (shortened) message still goes out.
-    capture.clear();
-    ASSERT_TRUE(pair.socket.SendTypedMessageZ2(1, 2, "x", -1));
-    EXPECT_EQ(rawReceive(pair.peer, 7), (Bytes{0xFF, 0xFF, 0xFF, 0xFF, 0, 1, 0}));
-    EXPECT_EQ(recordsOf(capture, "Error").size(), 1u);
-    EXPECT_THROW(pair.socket.SendTypedMessageZ2(1, 2, "x", -9), std::bad_array_new_length);
-
-    // A missing body of positive length: two reports, and zero bytes keep the stream framed.
-    capture.clear();
-    ASSERT_TRUE(pair.socket.SendTypedMessageZ2(3, 4, nullptr, 2));
-    EXPECT_EQ(rawReceive(pair.peer, 10), (Bytes{0, 0, 0, 2, 0, 3, 0, 4, 0, 0}));
-    EXPECT_EQ(recordsOf(capture, "Error").size(), 2u);
-
-    // With the Error tag off, nothing is reported.
-    nLog::gEnable("Error", false);
-    capture.clear();
-    ASSERT_TRUE(pair.socket.SendTypedMessageZ2(1, 2, nullptr, 0));
-    EXPECT_TRUE(recordsOf(capture, "Error").empty());
 }
 
 TEST(StreamSocket, ReceivesMessagesAndTracesTheirBodies) {
     RawPeerPair pair;
     // An empty message leaves `data` as it was.
     rawSend(pair.peer, Bytes{0, 0, 0, 0, 0, 5, 0xFF, 0xFF});
-    Received empty = waitFor(pair.socket);
-    EXPECT_TRUE(empty.ok && empty.length == 0 && empty.type == 5 && empty.subType == -1);
-    EXPECT_EQ(empty.data, sentinel);
-
+    {
+        Received const empty(pair.socket);
+        EXPECT_TRUE(empty.ok && empty.length == 0 && empty.type == 5 && empty.subType == -1);
+        EXPECT_EQ(empty.data, Received::sentinel());
+    }
     TagScope trace("ColloquyT", true);
     nLog::cCapture capture;
     rawSend(pair.peer, Bytes{0, 0, 0, 3, 0x80, 0, 0x7F, 0xFF, 'a', 0, 'b'});
-    Received body = waitFor(pair.socket);
-    ASSERT_TRUE(body.ok);
-    EXPECT_EQ(body.type, -32768);
-    EXPECT_EQ(body.subType, 32767);
-    ASSERT_EQ(body.length, 3);
-    EXPECT_EQ(std::string(body.data, 3), std::string("a\0b", 3));
-    StreamSocket::FreeMessage(body.data);
+    {
+        Received const body(pair.socket);
+        ASSERT_TRUE(body.ok);
+        EXPECT_EQ(body.type, -32768);
+        EXPECT_EQ(body.subType, 32767);
+        EXPECT_EQ(body.body(), std::string("a\0b", 3));
+    }
     StreamSocket::FreeMessage(nullptr);
 
     // Entry traces of WaitTypedMessageZ1 and GetMessageHeaderZ1, then the body trace.
-    auto traces = recordsOf(capture, "ColloquyT");
-    ASSERT_EQ(traces.size(), 3u);
-    EXPECT_EQ(traces[0].text, "");
-    EXPECT_EQ(traces[1].text, "");
-    EXPECT_EQ(traces[2].text, std::string("StreamSocket:WaitTypedMessageZ1\t3\ta\0b", 37));
-    EXPECT_EQ(traces[2].file, "../src/streamsocket");
+    ASSERT_EQ(capture.records().size(), 3u);
+    EXPECT_EQ(capture.records()[0].text, "");
+    EXPECT_EQ(capture.records()[1].text, "");
+    EXPECT_EQ(capture.records()[2].text, std::string("StreamSocket:WaitTypedMessageZ1\t3\ta\0b", 37));
+    EXPECT_EQ(capture.records()[2].file, "../src/streamsocket");
 
     // GetMessageHeaderZ1 leaves the header in network order.
     rawSend(pair.peer, Bytes{0, 0, 1, 2, 0, 3, 0, 4});
-    c_MessageHeader header;
+    c_MessageHeader header, expected;
     EXPECT_EQ(pair.socket.GetMessageHeaderZ1(&header, patience()), 258);
-    c_MessageHeader expected;
     SSMMakeMessageHeader(258, 3, 4, &expected);
     EXPECT_EQ(std::memcmp(&header, &expected, sizeof header), 0);
 }
@@ -181,13 +157,14 @@ TEST(StreamSocket, ReceivesMessagesAndTracesTheirBodies) {
 TEST(StreamSocket, ANegativeLengthOnTheWireFailsWithoutReadingFurther) {
     RawPeerPair pair;
     rawSend(pair.peer, Bytes{0xFF, 0xFF, 0xFF, 0xFE, 0, 1, 0, 1, 0, 0, 0, 1, 0, 2, 0, 3, 'z'});
-    expectUntouched(waitFor(pair.socket));
-    Received next = waitFor(pair.socket);  // the bytes behind the bad header are still there
-    ASSERT_TRUE(next.ok);
-    EXPECT_EQ(next.type, 2);
-    EXPECT_EQ(next.length, 1);
-    EXPECT_EQ(next.data[0], 'z');
-    StreamSocket::FreeMessage(next.data);
+    {
+        Received const bad(pair.socket);
+        EXPECT_FALSE(bad.ok);
+        EXPECT_TRUE(bad.untouched());
+    }
+    Received const next(pair.socket);  // the bytes behind the bad header are still there
+    EXPECT_TRUE(next.ok && next.type == 2);
+    EXPECT_EQ(next.body(), "z");
 
     rawSend(pair.peer, Bytes{0x80, 0, 0, 0, 0, 1, 0, 1});
     c_MessageHeader header;
@@ -209,28 +186,27 @@ TEST(StreamSocket, FailedReadsLeaveTheOutputsUntouched) {
         RawPeerPair pair;
         rawSend(pair.peer, c.sent);
         c.reset ? pair.peer.abort() : pair.peer.reset();
-        expectUntouched(waitFor(pair.socket));
+        Received const failed(pair.socket);
+        EXPECT_FALSE(failed.ok);
+        EXPECT_TRUE(failed.untouched());
         c_MessageHeader header;
         EXPECT_EQ(pair.socket.GetMessageHeaderZ1(&header, patience()), -1);
     }
     // Nothing arrives within the fixed latency configuration's limit; the connection stays usable.
     RawPeerPair pair;
     nSock::cFixedLatencyConfiguration quick(nTime::cDiff(20));
-    expectUntouched(waitFor(pair.socket, &quick));
+    {
+        Received const late(pair.socket, &quick);
+        EXPECT_FALSE(late.ok);
+        EXPECT_TRUE(late.untouched());
+    }
     rawSend(pair.peer, Bytes{0, 0, 0, 0, 0, 6, 0, 7});
-    Received late = waitFor(pair.socket, &quick);
-    EXPECT_TRUE(late.ok);
-    EXPECT_EQ(late.subType, 7);
+    Received const next(pair.socket, &quick);
+    EXPECT_TRUE(next.ok && next.subType == 7);
 }
 
-TEST(StreamSocket, AcceptsThroughItsListenerAndRefusesWithoutAConnection) {
-    StreamPair pair;
-    ASSERT_TRUE(pair.server->SendTypedMessageZ2(10, 20, "pong", 4));
-    Received r = waitFor(pair.client);
-    ASSERT_TRUE(r.ok);
-    EXPECT_EQ(std::string(r.data, 4), "pong");
-    StreamSocket::FreeMessage(r.data);
-
+// (Accepting through the stream socket's own listener is exercised by every StreamPair.)
+TEST(StreamSocket, RefusesWithoutAConnection) {
     StreamSocket unconnected;
     EXPECT_THROW(unconnected.SendTypedMessageZ2(1, 1, "a", 1), nSock::cSocketException);
     EXPECT_THROW(unconnected.Connect("127.0.0.1", 1, nSock::cSocketOptions()), nSock::cSocketException);

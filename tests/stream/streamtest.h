@@ -1,4 +1,5 @@
-// Helpers of the stream tests: a raw POSIX peer, connected pairs, bounded waits and a watchdog.
+// Helpers of the stream tests: a raw POSIX peer, connected pairs, received messages, bounded
+// waits and a watchdog.
 #ifndef COLLOQUY_STREAMTEST_H
 #define COLLOQUY_STREAMTEST_H
 
@@ -28,10 +29,10 @@ namespace nSock = nCommunication::nSocket;
 // Every wait of the tests is bounded by this (a fault shows as a failure, not a hang).
 inline constexpr nTime::cDiff kPatience = nTime::cDiff::fromSeconds(10);
 
-// Options whose waits (accept, receive without latency configuration) end after kPatience.
-inline nSock::cSocketOptions boundedOptions() {
+// Options whose waits (accept, receive without latency configuration) end after `limit`.
+inline nSock::cSocketOptions boundedOptions(nTime::cDiff limit = kPatience) {
     nSock::cSocketOptions options;
-    options.receiveTimeout = kPatience;
+    options.receiveTimeout = limit;
     return options;
 }
 
@@ -71,6 +72,12 @@ private:
     int mFd;
 };
 
+// True when `fd` becomes readable within kPatience.
+inline bool readable(int fd) {
+    pollfd p{fd, POLLIN, 0};
+    return ::poll(&p, 1, static_cast<int>(kPatience.milliseconds())) == 1;
+}
+
 // A raw IPv4 loopback listener on an ephemeral port.
 inline RawFd rawListen(unsigned short& port) {
     RawFd fd(::socket(AF_INET, SOCK_STREAM, 0));
@@ -86,8 +93,7 @@ inline RawFd rawListen(unsigned short& port) {
 }
 
 inline RawFd rawAccept(RawFd const& listener) {
-    pollfd p{listener.get(), POLLIN, 0};
-    if (::poll(&p, 1, static_cast<int>(kPatience.milliseconds())) != 1) ADD_FAILURE() << "raw accept timed out";
+    if (!readable(listener.get())) ADD_FAILURE() << "raw accept timed out";
     return RawFd(::accept(listener.get(), nullptr, nullptr));
 }
 
@@ -99,10 +105,8 @@ inline void rawSend(RawFd const& fd, Bytes const& bytes) {
 inline Bytes rawReceive(RawFd const& fd, size_t count) {
     Bytes out(count);
     size_t done = 0;
-    while (done < count) {
-        pollfd p{fd.get(), POLLIN, 0};
-        if (::poll(&p, 1, static_cast<int>(kPatience.milliseconds())) != 1) break;
-        ssize_t n = ::recv(fd.get(), out.data() + done, count - done, 0);
+    while (done < count && readable(fd.get())) {
+        ssize_t const n = ::recv(fd.get(), out.data() + done, count - done, 0);
         if (n <= 0) break;
         done += static_cast<size_t>(n);
     }
@@ -112,17 +116,16 @@ inline Bytes rawReceive(RawFd const& fd, size_t count) {
 
 // True when the raw peer sees the end of the stream (orderly close) within kPatience.
 inline bool rawSeesEnd(RawFd const& fd) {
-    pollfd p{fd.get(), POLLIN, 0};
     char c;
-    return ::poll(&p, 1, static_cast<int>(kPatience.milliseconds())) == 1 && ::recv(fd.get(), &c, 1, 0) == 0;
+    return readable(fd.get()) && ::recv(fd.get(), &c, 1, 0) == 0;
 }
 
 // A StreamSocket connected to a raw peer.
 struct RawPeerPair {
-    RawPeerPair() {
+    explicit RawPeerPair(nSock::cSocketOptions options = boundedOptions()) {
         unsigned short port = 0;
         RawFd listener = rawListen(port);
-        socket.ConnectLocal(port, boundedOptions());
+        socket.ConnectLocal(port, options);
         peer = rawAccept(listener);
     }
     StreamSocket socket;
@@ -139,6 +142,30 @@ struct StreamPair {
     StreamSocket listener;
     StreamSocket client;
     std::unique_ptr<StreamSocket> server;
+};
+
+// One message received with WaitTypedMessageZ1. The outputs start with marker values (and
+// `data` at a sentinel) so that an untouched output shows; a body is released at the end.
+struct Received {
+    explicit Received(StreamSocket& socket, nSock::iLatencyConfiguration* latency = patience())
+        : ok(socket.WaitTypedMessageZ1(type, subType, data, length, latency)) {}
+    ~Received() {
+        if (ok && length > 0) StreamSocket::FreeMessage(data);
+    }
+    Received(Received const&) = delete;
+    Received& operator=(Received const&) = delete;
+    std::string body() const { return ok && length > 0 ? std::string(data, static_cast<size_t>(length)) : ""; }
+    bool untouched() const { return type == 111 && subType == 222 && data == sentinel() && length == 333; }
+    static char* sentinel() {
+        static char marker[1];
+        return marker;
+    }
+
+    short type = 111;
+    short subType = 222;
+    char* data = sentinel();
+    int length = 333;
+    bool const ok;
 };
 
 // Ends the process (SIGALRM) when a test runs longer than its bound: a hang would otherwise

@@ -28,19 +28,10 @@ bool sendNumbered(StreamSocket& socket, unsigned i) {
 
 // Receives message `i` of a run and checks it; false at the first fault.
 bool receiveNumbered(StreamSocket& socket, unsigned i) {
-    short type = 0, subType = 0;
-    char* data = nullptr;
-    int length = -1;
-    if (!socket.WaitTypedMessageZ1(type, subType, data, length, patience())) {
-        ADD_FAILURE() << "message " << i << " did not arrive";
-        return false;
-    }
-    std::string const expected = bodyOf(i);
-    bool const same = type == static_cast<short>(i & 0x7fff) && subType == static_cast<short>(i >> 15) &&
-                      length == static_cast<int>(expected.size()) &&
-                      (length == 0 || std::memcmp(data, expected.data(), expected.size()) == 0);
-    if (length > 0) StreamSocket::FreeMessage(data);
-    if (!same) ADD_FAILURE() << "message " << i << " arrived changed or out of order";
+    Received const r(socket);
+    bool const same = r.ok && r.type == static_cast<short>(i & 0x7fff) && r.subType == static_cast<short>(i >> 15) &&
+                      r.body() == bodyOf(i);
+    if (!same) ADD_FAILURE() << "message " << i << (r.ok ? " arrived changed or out of order" : " did not arrive");
     return same;
 }
 
@@ -59,14 +50,10 @@ TEST(StreamVolume, FourMebibyteBodies) {
             EXPECT_TRUE(pair.client.SendTypedMessageZ2(static_cast<short>(m), 0, bodies[m].data(), kSize));
     });
     for (size_t m = 0; m < bodies.size(); ++m) {
-        short type = -1, subType = -1;
-        char* data = nullptr;
-        int length = 0;
-        ASSERT_TRUE(pair.server->WaitTypedMessageZ1(type, subType, data, length, patience()));
-        EXPECT_EQ(type, static_cast<short>(m));
-        ASSERT_EQ(length, kSize);
-        EXPECT_EQ(std::memcmp(data, bodies[m].data(), kSize), 0) << "body " << m;
-        StreamSocket::FreeMessage(data);
+        Received const r(*pair.server);
+        ASSERT_TRUE(r.ok);
+        EXPECT_EQ(r.type, static_cast<short>(m));
+        EXPECT_TRUE(r.body() == bodies[m]) << "body " << m;
     }
     sender.join();
 }
@@ -125,13 +112,9 @@ TEST(StreamVolume, SixtyFourConnectionsAtOnceEachExchangingAThousandMessages) {
         auto server = std::make_shared<StreamSocket>(listener.Accept(boundedOptions()));
         echoes.emplace_back([server] {
             for (unsigned i = 0; i < kMessages; ++i) {
-                short type = 0, subType = 0;
-                char* data = nullptr;
-                int length = 0;
-                if (!server->WaitTypedMessageZ1(type, subType, data, length, patience())) return;
-                bool const sent = server->SendTypedMessageZ2(type, subType, length > 0 ? data : "", length);
-                if (length > 0) StreamSocket::FreeMessage(data);
-                if (!sent) return;
+                Received const r(*server);
+                if (!r.ok || !server->SendTypedMessageZ2(r.type, r.subType, r.length > 0 ? r.data : "", r.length))
+                    return;
             }
         });
     }

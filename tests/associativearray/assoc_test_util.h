@@ -1,5 +1,4 @@
-// Helpers shared by the record tests: the pairs of a record as a sorted map, and a scope that
-// switches a log tag for one test.
+// The pairs of a record as a sorted map, for the record tests.
 #ifndef ASSOC_TEST_UTIL_H
 #define ASSOC_TEST_UTIL_H
 
@@ -25,8 +24,6 @@ inline Pairs pairsOf(CAssociativeArray& record) {
     }
     return pairs;
 }
-
-using ::TagScope;
 
 }  // namespace assoctest
 

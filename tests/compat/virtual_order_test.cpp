@@ -124,24 +124,4 @@ TEST(VirtualOrder, EveryListedClassKeepsItsSlots) {
     EXPECT_GT(checked, 0);
 }
 
-// The dump reader against a piece of g++ output with a secondary table, so a change of the
-// dump's format shows here rather than as a silently shorter table.
-TEST(VirtualOrder, ReaderStopsAtTheSecondaryTable) {
-    std::vector<std::string> const dump = {
-        "Vtable for Pair",
-        "Pair::_ZTV4Pair: 8 entries",
-        "0     (int (*)(...))0",
-        "8     (int (*)(...))(& _ZTI4Pair)",
-        "16    (int (*)(...))Pair::~Pair",
-        "24    (int (*)(...))Pair::~Pair",
-        "32    (int (*)(...))nSpace::First::run",
-        "40    (int (*)(...))-16",
-        "48    (int (*)(...))(& _ZTI4Pair)",
-        "56    (int (*)(...))Pair::_ZThn16_N4PairD1Ev",
-        "",
-    };
-    Table const expected = {{"Pair", "~"}, {"Pair", "~"}, {"nSpace::First", "run"}};
-    EXPECT_EQ(primaryTables(dump).at("Pair"), expected);
-}
-
 }  // namespace

@@ -51,15 +51,12 @@ class RawFd {
 public:
     explicit RawFd(int fd = -1) : mFd(fd) {}
     ~RawFd() { reset(); }
-    RawFd(RawFd&& other) noexcept : mFd(other.mFd) { other.mFd = -1; }
-    RawFd& operator=(RawFd&& other) noexcept {
-        std::swap(mFd, other.mFd);
-        return *this;
-    }
+    RawFd(RawFd const&) = delete;
+    RawFd& operator=(RawFd const&) = delete;
     int get() const { return mFd; }
-    void reset() {
+    void reset(int fd = -1) {
         if (mFd >= 0) ::close(mFd);
-        mFd = -1;
+        mFd = fd;
     }
     // Closes with a reset (RST) instead of an orderly end.
     void abort() {
@@ -76,25 +73,6 @@ private:
 inline bool readable(int fd) {
     pollfd p{fd, POLLIN, 0};
     return ::poll(&p, 1, static_cast<int>(kPatience.milliseconds())) == 1;
-}
-
-// A raw IPv4 loopback listener on an ephemeral port.
-inline RawFd rawListen(unsigned short& port) {
-    RawFd fd(::socket(AF_INET, SOCK_STREAM, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    if (::bind(fd.get(), reinterpret_cast<sockaddr*>(&address), length) != 0 || ::listen(fd.get(), 16) != 0 ||
-        ::getsockname(fd.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0)
-        ADD_FAILURE() << "raw listener";
-    port = ntohs(address.sin_port);
-    return fd;
-}
-
-inline RawFd rawAccept(RawFd const& listener) {
-    if (!readable(listener.get())) ADD_FAILURE() << "raw accept timed out";
-    return RawFd(::accept(listener.get(), nullptr, nullptr));
 }
 
 inline void rawSend(RawFd const& fd, Bytes const& bytes) {
@@ -114,19 +92,21 @@ inline Bytes rawReceive(RawFd const& fd, size_t count) {
     return out;
 }
 
-// True when the raw peer sees the end of the stream (orderly close) within kPatience.
-inline bool rawSeesEnd(RawFd const& fd) {
-    char c;
-    return readable(fd.get()) && ::recv(fd.get(), &c, 1, 0) == 0;
-}
-
-// A StreamSocket connected to a raw peer.
+// A StreamSocket connected to a raw POSIX peer through a raw loopback listener.
 struct RawPeerPair {
     explicit RawPeerPair(nSock::cSocketOptions options = boundedOptions()) {
-        unsigned short port = 0;
-        RawFd listener = rawListen(port);
-        socket.ConnectLocal(port, options);
-        peer = rawAccept(listener);
+        RawFd listener(::socket(AF_INET, SOCK_STREAM, 0));
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        if (::bind(listener.get(), reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+            ::listen(listener.get(), 1) != 0 ||
+            ::getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0)
+            ADD_FAILURE() << "raw listener";
+        socket.ConnectLocal(ntohs(address.sin_port), options);
+        if (!readable(listener.get())) ADD_FAILURE() << "raw accept timed out";
+        peer.reset(::accept(listener.get(), nullptr, nullptr));
     }
     StreamSocket socket;
     RawFd peer;

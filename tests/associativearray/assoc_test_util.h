@@ -2,7 +2,7 @@
 #ifndef ASSOC_TEST_UTIL_H
 #define ASSOC_TEST_UTIL_H
 
-#include "tag_scope.h"
+#include "tagscope.h"
 #include "Log.h"
 #include "associativearray.h"
 

@@ -2,7 +2,7 @@
 // variables that choose the enabled tags and the output file.
 #include "Log.h"
 #include "files.h"
-#include "tag_scope.h"
+#include "tagscope.h"
 
 #include <gtest/gtest.h>
 

@@ -4,7 +4,7 @@
 #define COLLOQUY_STREAMTEST_H
 
 #include "Log.h"
-#include "tag_scope.h"
+#include "tagscope.h"
 #include "nsocket.h"
 #include "streamsocket.h"
 

@@ -4,7 +4,6 @@
 #define COLLOQUY_TESTS_TAGSCOPE_H
 
 #include "nlog.h"
-#include "tag_scope.h"
 
 #include <gtest/gtest.h>
 
@@ -12,6 +11,19 @@
 #include <ostream>
 #include <string>
 #include <vector>
+
+// Switches a log tag for one scope and restores its previous state.
+class TagScope {
+public:
+    TagScope(char const* tag, bool on) : mTag(tag), mWas(nLog::gIsEnabled(tag)) { nLog::gEnable(tag, on); }
+    ~TagScope() { nLog::gEnable(mTag, mWas); }
+    TagScope(TagScope const&) = delete;
+    TagScope& operator=(TagScope const&) = delete;
+
+private:
+    char const* mTag;
+    bool mWas;
+};
 
 namespace nTagScope {
 

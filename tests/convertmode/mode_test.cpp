@@ -1,6 +1,7 @@
 // The process-wide conversion mode as ConvertX0 and FromStringConvert follow it. The mode is
 // read once per process: this program is built once per mode (CONVERT_MODE).
 #include "../associativearray/assoc_test_util.h"
+#include "files.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -60,9 +61,8 @@ std::string vantagePath() { return gDirectory + "/vantage.ini"; }
 class VantageEnvironment : public ::testing::Environment {
 public:
     void SetUp() override {
-        char pattern[] = "/tmp/convert_mode_XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        gDirectory = pattern;
+        gDirectory = gScratchDirectory("convert_mode");
+        ASSERT_FALSE(gDirectory.empty());
         std::ofstream(vantagePath(), std::ios::binary) << thisMode().ini;
         setenv("QR_BIN", gDirectory.c_str(), 1);
         // A settings file in the working directory would be found first.

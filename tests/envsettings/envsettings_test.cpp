@@ -3,6 +3,7 @@
 #include "envsettings.h"
 
 #include "envscope.h"
+#include "files.h"
 
 #include <gtest/gtest.h>
 
@@ -21,9 +22,8 @@ std::string property(int handle, char const* key) { return nEnvSettings::gGetPro
 class Settings : public ::testing::Test {
 protected:
     void SetUp() override {
-        char pattern[] = "/tmp/envsettings_test_XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        mDir = pattern;
+        mDir = gScratchDirectory("envsettings_test");
+        ASSERT_FALSE(mDir.empty());
     }
     void TearDown() override {
         fs::current_path(mCwd);

@@ -37,9 +37,8 @@ using nTagScope::TagScope;
 class SupportTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        char root[] = "/tmp/support_test_XXXXXX";
-        ASSERT_NE(mkdtemp(root), nullptr);
-        mRoot = root;
+        mRoot = gScratchDirectory("support_test");
+        ASSERT_FALSE(mRoot.empty());
         mkdir((mRoot + "/bin").c_str(), 0755);
         mkdir((mRoot + "/qr").c_str(), 0755);
         useWorkingDirectory("work");

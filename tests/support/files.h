@@ -1,9 +1,11 @@
-// Whole-file reads and writes for tests that check what a program left on disk.
+// Whole-file reads and writes, and scratch directories, for tests that check what a program
+// left on disk.
 #ifndef COLLOQUY_TESTS_FILES_H
 #define COLLOQUY_TESTS_FILES_H
 
 #include <sys/stat.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -18,6 +20,12 @@ inline std::string gReadFile(std::string const& path) {
 inline void gWriteFile(std::string const& path, std::string const& text, mode_t mode = 0644) {
     std::ofstream(path, std::ios::binary) << text;
     chmod(path.c_str(), mode);
+}
+
+// A new empty directory /tmp/<name>_XXXXXX; "" when it could not be made.
+inline std::string gScratchDirectory(std::string const& name) {
+    std::string pattern = "/tmp/" + name + "_XXXXXX";
+    return mkdtemp(pattern.data()) ? pattern : std::string();
 }
 
 #endif

@@ -152,15 +152,15 @@ TEST(Tool, DemoBenchAndReportRun) {
     EXPECT_NE(bench.out.find("p99"), std::string::npos) << bench.out;
 
     // The report leaves no scratch files beside its output.
-    char dir[] = "/tmp/colloquy_tool_XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    std::string const path = std::string(dir) + "/report.txt";
+    std::string const dir = gScratchDirectory("colloquy_tool");
+    ASSERT_FALSE(dir.empty());
+    std::string const path = dir + "/report.txt";
     Result const r = tool({"report", "--output", path});
     ASSERT_EQ(r.status, 0) << r.err;
     std::string const report = gReadFile(path);
     EXPECT_EQ(report.find("\n" + std::string(79, '=') + "\nComplete Report For Host: "), 0u) << report;
     std::remove(path.c_str());
-    EXPECT_EQ(rmdir(dir), 0) << "the report left files beside its output";
+    EXPECT_EQ(rmdir(dir.c_str()), 0) << "the report left files beside its output";
 }
 
 TEST(Tool, BadInputGetsOneLineAndNonZeroStatus) {

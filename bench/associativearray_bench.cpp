@@ -44,7 +44,8 @@ void Lookup_16(benchmark::State& state) {
     CAssociativeArray record;
     record.FromStringZ1(s.text);
     for (auto _ : state)
-        for (std::string const& key : s.keys) benchmark::DoNotOptimize(record.GetValueOfParameter(key.c_str(), nullptr));
+        for (std::string const& key : s.keys)
+            benchmark::DoNotOptimize(record.GetValueOfParameter(key.c_str(), nullptr));
 }
 
 void MapLookup_16(benchmark::State& state) {

@@ -23,7 +23,10 @@ std::string const& smallText() {
 std::string const& bigText() {
     static std::string const text = [] {
         std::string value;
-        while (value.size() < (1u << 20)) value += "Gr\xfc\xdf" "e aus K\xf6ln, caf\xe9 cr\xe8me \x80 10. ";
+        while (value.size() < (1u << 20))
+            value +=
+                "Gr\xfc\xdf"
+                "e aus K\xf6ln, caf\xe9 cr\xe8me \x80 10. ";
         value.resize(1u << 20);
         CAssociativeArray record;
         record.AddCouple("body", value.data(), static_cast<int>(value.size()));

@@ -21,7 +21,7 @@ struct cComparison {
 };
 
 class cReporter : public benchmark::ConsoleReporter {
-public:
+  public:
     void ReportRuns(std::vector<Run> const& runs) override {
         // With --benchmark_repetitions, the fastest repetition: the one least disturbed by others.
         for (Run const& run : runs) {
@@ -41,7 +41,7 @@ public:
         }
     }
 
-private:
+  private:
     std::map<std::string, double> mTimes;
 };
 

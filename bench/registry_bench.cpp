@@ -20,7 +20,7 @@ namespace {
 constexpr int kEvents = 1000;
 
 class Event : public BaseEvent {
-public:
+  public:
     Event(int key, ClientObj* client, int index) : BaseEvent(0, client, index), mKey(key) {}
     RWClassID isA() const override { return 0x4242; }
     unsigned hash() const override { return static_cast<unsigned>(mKey); }
@@ -28,12 +28,12 @@ public:
         return other->isA() == isA() && static_cast<Event const*>(other)->mKey == mKey;
     }
 
-private:
+  private:
     int mKey;
 };
 
 class Counter : public ClientObj {
-public:
+  public:
     int count(BaseEvent&) { return ++calls; }
     long calls = 0;
 };
@@ -67,9 +67,9 @@ char const* const kEnd = nullptr;
 
 void HubDump_8(benchmark::State& state) {
     for (auto _ : state) {
-        char* text = DumpHubArray("agent@host7", "mode", "fast", "queue", "inbound-3", "priority", "7", "retry",
-                                  "0", "user", "operator", "session", "4711-0815", "origin", "console", "trace",
-                                  "off", kEnd);
+        char* text =
+            DumpHubArray("agent@host7", "mode", "fast", "queue", "inbound-3", "priority", "7", "retry", "0", "user",
+                         "operator", "session", "4711-0815", "origin", "console", "trace", "off", kEnd);
         benchmark::DoNotOptimize(text);
         FreeHubDumpArray(text);
     }
@@ -82,9 +82,9 @@ void Snprintf_8(benchmark::State& state) {
             buffer, sizeof buffer,
             "%d '%d %s '%d %s '%d %s '%d %s '%d %s '%d %s '%d %s '%d %s '%d %s '%d %s '%d %s '%d %s '%d %s '%d %s "
             "'%d %s '%d %s '%d %s '%d %s",
-            9, 5, "$FROM", 11, "agent@host7", 4, "mode", 4, "fast", 5, "queue", 9, "inbound-3", 8, "priority", 1,
-            "7", 5, "retry", 1, "0", 4, "user", 8, "operator", 7, "session", 9, "4711-0815", 6, "origin", 7,
-            "console", 5, "trace", 3, "off");
+            9, 5, "$FROM", 11, "agent@host7", 4, "mode", 4, "fast", 5, "queue", 9, "inbound-3", 8, "priority", 1, "7",
+            5, "retry", 1, "0", 4, "user", 8, "operator", 7, "session", 9, "4711-0815", 6, "origin", 7, "console", 5,
+            "trace", 3, "off");
         std::string text(buffer, static_cast<size_t>(n));
         benchmark::DoNotOptimize(text.data());
     }
@@ -98,6 +98,6 @@ BENCHMARK(Snprintf_8);
 }  // namespace
 
 int main(int argc, char** argv) {
-    return benchratio::runWithRatios(argc, argv,
-                                     {{"RouteThroughServer", "RouteThroughMap", "-"}, {"HubDump_8", "Snprintf_8", "<= 2"}});
+    return benchratio::runWithRatios(
+        argc, argv, {{"RouteThroughServer", "RouteThroughMap", "-"}, {"HubDump_8", "Snprintf_8", "<= 2"}});
 }

@@ -163,8 +163,9 @@ inline double cpuMicroseconds(int who) {
 // CPU time and system calls of the benchmark thread between construction and report(), and
 // the CPU time of the whole program (both ends and any thread a library runs: cpu_us).
 class ThreadCost {
-public:
-    ThreadCost() : mCpu(cpuMicroseconds(RUSAGE_THREAD)), mProgramCpu(cpuMicroseconds(RUSAGE_SELF)), mCalls(tSystemCalls) {}
+  public:
+    ThreadCost()
+        : mCpu(cpuMicroseconds(RUSAGE_THREAD)), mProgramCpu(cpuMicroseconds(RUSAGE_SELF)), mCalls(tSystemCalls) {}
     void report(benchmark::State& state, int64_t messages) {
         double const n = static_cast<double>(messages > 0 ? messages : 1);
         state.counters["rx_cpu_us"] = (cpuMicroseconds(RUSAGE_THREAD) - mCpu) / n;
@@ -172,7 +173,7 @@ public:
         state.counters["cpu_us"] = (cpuMicroseconds(RUSAGE_SELF) - mProgramCpu) / n;
     }
 
-private:
+  private:
     double mCpu;
     double mProgramCpu;
     long mCalls;

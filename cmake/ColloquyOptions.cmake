@@ -1,6 +1,9 @@
-# Compiler flags shared by every target of the project.
+# Compiler flags shared by every target of the project. The warnings live here and only here.
 
 add_compile_options(-Wall -Wextra)
+# The libraries and the tool are held to stricter warnings than tests and benchmarks.
+set(COLLOQUY_STRICT_WARNINGS -Wshadow -Wconversion -Wold-style-cast -Wmissing-declarations -Wcast-qual
+    -Wnon-virtual-dtor)
 if(COLLOQUY_WERROR)
   add_compile_options(-Werror)
 endif()

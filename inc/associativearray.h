@@ -16,14 +16,14 @@
 
 // The base of the record's exceptions; it only wraps a KZErrorException.
 class COLLOQUY_EXPORT CAssociativeArrayException : public KZErrorException {
-public:
+  public:
     CAssociativeArrayException(KZErrorException const& error);
     ~CAssociativeArrayException() override;
 };
 
 // A text that is not a valid text form: message 10 of "loadengine.frm" with the offending text.
 class COLLOQUY_EXPORT CIllegalAssoSyntaxException : public CAssociativeArrayException {
-public:
+  public:
     CIllegalAssoSyntaxException(char const* text);
     // The same with an explicit length, so that texts holding NUL bytes are carried whole.
     explicit CIllegalAssoSyntaxException(std::string_view text);
@@ -33,7 +33,7 @@ public:
 // A throwing reader found no value: message 11 of "loadengine.frm" with the key and the
 // record's text form.
 class COLLOQUY_EXPORT CAssoKeyDoesNotExistException : public CAssociativeArrayException {
-public:
+  public:
     CAssoKeyDoesNotExistException(char const* key, char const* recordText);
     // The same with the record's text given by length (text forms may hold NUL bytes).
     CAssoKeyDoesNotExistException(char const* key, std::string_view recordText);
@@ -44,7 +44,7 @@ public:
 // Numbers are stored as their decimal ("%d") or exponent ("%.40e") text; element i of the
 // array "name" is the pair with the key "name" followed by i. Lookups by key never allocate.
 class COLLOQUY_EXPORT CAssociativeArray : public RWHashDictionary {
-public:
+  public:
     // `capacity` is the table's starting size; the default holds about 20 pairs before growing.
     explicit CAssociativeArray(int capacity = 32);
     // Takes over the pairs of `source` (the same key and value objects), leaving it empty.
@@ -116,7 +116,7 @@ public:
     // Converts a NUL-terminated text form with the current converter, whatever the mode.
     static bool ConvertZ38(unsigned int fromCodePage, unsigned int toCodePage, char const* text, RWCString& out);
 
-private:
+  private:
     mutable RWCString mLastText;  // the last text form written (a cache, also written by const readers)
 };
 
@@ -126,8 +126,7 @@ private:
 // Both read at most up to a NUL for the number; the piece's length is trusted (FromString
 // checks every length against the end of its input).
 COLLOQUY_EXPORT int gParseInt(char const*& cursor);
-COLLOQUY_EXPORT char const* gLoadString(char const* cursor, char*& buffer, int& bufferSize, RWCString& out,
-                                        bool flag);
+COLLOQUY_EXPORT char const* gLoadString(char const* cursor, char*& buffer, int& bufferSize, RWCString& out, bool flag);
 COLLOQUY_EXPORT char const* gLoadString(char const* cursor, char*& buffer, int& bufferSize, RWCString& out);
 
 // ---- code-page conversion of text forms ----
@@ -149,8 +148,8 @@ COLLOQUY_EXPORT bool gConvert_patch(int mode, unsigned int fromCodePage, unsigne
 // The current converter: keys kept, values converted (nested text forms recursively, plain
 // text with ANSIToANSI up to its first NUL), lengths rewritten. A text that is no text form is
 // converted as plain text. `length` -1: NUL-terminated.
-COLLOQUY_EXPORT bool gConvertX1_patch(unsigned int fromCodePage, unsigned int toCodePage, char const* text,
-                                      int length, RWCString& out);
+COLLOQUY_EXPORT bool gConvertX1_patch(unsigned int fromCodePage, unsigned int toCodePage, char const* text, int length,
+                                      RWCString& out);
 // The same for `text` found at `offset` in `wholeText`, which a failure record shows.
 COLLOQUY_EXPORT bool gConvertX1Internal_patch(unsigned int fromCodePage, unsigned int toCodePage, char const* text,
                                               int length, RWCString& out, char const* wholeText, int wholeLength,

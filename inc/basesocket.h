@@ -9,7 +9,7 @@
 // closed, and releases the handle (gDelete, never gClose) when destroyed. Not copyable: two
 // owners would both release the handle.
 class COLLOQUY_EXPORT c_Socket {
-public:
+  public:
     c_Socket();
     c_Socket(const nCommunication::nSocket::cHandleValid& handle);
     virtual ~c_Socket();
@@ -24,7 +24,7 @@ public:
 
     nCommunication::nSocket::cHandleOptional const& GetHandle() const { return mHandle; }
 
-protected:
+  protected:
     nCommunication::nSocket::cHandleOptional mHandle;
 };
 

@@ -25,13 +25,13 @@ class ServerObj;
 
 // A mixin carrying a validity flag: 1 from construction on (nothing resets it).
 class COLLOQUY_EXPORT ValidateObject {
-public:
+  public:
     ValidateObject() = default;
     virtual ~ValidateObject();
     virtual int valid() const;
     virtual char const* nameOf() const;
 
-protected:
+  protected:
     int validFlag = 1;
 };
 
@@ -39,7 +39,7 @@ protected:
 // counter: the first object of a process gets 1) and a validity flag. As a collectable it is
 // anonymous: isA() and hash() answer 0 and it equals nothing.
 class COLLOQUY_EXPORT CollectableValidateObject : public RWCollectableInt, public ValidateObject {
-public:
+  public:
     CollectableValidateObject();
     // A copy would share the serial number, which identifies one object.
     CollectableValidateObject(CollectableValidateObject const&) = delete;
@@ -60,7 +60,7 @@ typedef int (ClientObj::*ClientHandler)(BaseEvent&);
 // and isEqual(); that identity is the key under which a server finds a registered event. A
 // bare BaseEvent equals nothing, not even itself.
 class COLLOQUY_EXPORT BaseEvent : public RWCollectableInt {
-public:
+  public:
     BaseEvent(int value = 0, ClientObj* client = nullptr, int handlerIndex = 0);
 
     RWClassID isA() const override;
@@ -82,7 +82,7 @@ public:
 };
 
 class COLLOQUY_EXPORT ClientObj : public CollectableValidateObject {
-public:
+  public:
     // Handler indices run from 1 to kMaxHandlerIndex; slot 0 is never issued.
     static constexpr int kMaxHandlerIndex = 256;
 
@@ -102,7 +102,7 @@ public:
     // slot, index outside 0..256) the answer is -1, which keeps the client.
     virtual int dispatch(BaseEvent& event);
 
-protected:
+  protected:
     // Index kMaxHandlerIndex is issued too, so the table has one slot more than the 256 the
     // range check accepts.
     ClientHandler handlerTable[kMaxHandlerIndex + 1] = {};
@@ -112,7 +112,7 @@ protected:
 
 // A server is a client too. It owns the events registered with it.
 class COLLOQUY_EXPORT ServerObj : public ClientObj {
-public:
+  public:
     // `buckets` is the event table's initial size (at least 1; the table grows as needed).
     explicit ServerObj(int buckets);
 
@@ -136,7 +136,7 @@ public:
     // The registered event equal to `event`, or null.
     BaseEvent* findEvent(BaseEvent& event) const;
 
-protected:
+  protected:
     std::unique_ptr<RWHashTable> eventTable;
 };
 

@@ -16,7 +16,7 @@
 #include <string>
 
 class COLLOQUY_EXPORT FilesAssociationArchive : public CAssociativeArray {
-public:
+  public:
     FilesAssociationArchive();
     ~FilesAssociationArchive() override;
     FilesAssociationArchive(FilesAssociationArchive const&) = delete;
@@ -39,9 +39,9 @@ public:
     // object and restarts it, for every holder. Adding pairs while iterating is not supported.
     RWHashDictionaryIterator* GetIterator();
 
-protected:
+  protected:
     std::string mDefualtDestinationDirectory;
-    std::unique_ptr<RWHashDictionaryIterator> mIterator;  // made by the first GetIterator
+    std::unique_ptr<RWHashDictionaryIterator> mIterator;    // made by the first GetIterator
     static std::string mGlobalDefualtDestinationDirectory;  // empty from load on
 };
 

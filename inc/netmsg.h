@@ -39,7 +39,7 @@ enum QType : int {};
 
 // A received typed stream message: type, subtype and the body bytes it owns (array new).
 class COLLOQUY_EXPORT cTypedMessageObject : public RWCollectable {
-public:
+  public:
     short type;
     short subType;
     char* data;           // owned; released with the array delete when non-null
@@ -53,7 +53,7 @@ public:
 };
 
 class COLLOQUY_EXPORT cColloquyMessage {
-public:
+  public:
     unsigned int userValue = 0;
     unsigned int formatStamp = 0;  // 352 in every message built here
     char const* toHost = nullptr;

@@ -31,12 +31,12 @@ COLLOQUY_EXPORT char* PCKGetDataVar(char* handle);
 // Builds a packed buffer from up to ten fields, or reads the fields of a packed buffer.
 // A c_Pack never frees theBuffer: whoever takes it from a builder owns it (PCKFreeData).
 class COLLOQUY_EXPORT c_Pack {
-public:
-    char* theBuffer = nullptr;            // the packed buffer (built here, or the reader's input)
-    char const* theFields[11] = {};       // start of each field; slot 10 only ever holds null
-    int theLengths[10] = {};              // byte length of each field
-    int theCount = 0;                     // number of fields
-    int thePackedLength = 0;              // header plus field bytes
+  public:
+    char* theBuffer = nullptr;       // the packed buffer (built here, or the reader's input)
+    char const* theFields[11] = {};  // start of each field; slot 10 only ever holds null
+    int theLengths[10] = {};         // byte length of each field
+    int theCount = 0;                // number of fields
+    int thePackedLength = 0;         // header plus field bytes
 
     // Builder: pairs (field pointer, int length), ended by a null field pointer with no length
     // after it, e.g. c_Pack(a, 3, b, 5, nullptr). Allocates the sum of the lengths plus 100

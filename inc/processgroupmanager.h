@@ -17,7 +17,7 @@
 
 // One process of a group. Equality is identity (the collectable default).
 class COLLOQUY_EXPORT ProcessInfo : public RWCollectable {
-public:
+  public:
     ProcessInfo(int pid);
     ~ProcessInfo() override;
 
@@ -28,7 +28,7 @@ public:
 // elements, but its destructor does not destroy them: a group is emptied (terminated or
 // its members removed) before it is destroyed.
 class COLLOQUY_EXPORT ProcessGroup : public RWOrdered {
-public:
+  public:
     ProcessGroup();
     ~ProcessGroup() override;
 
@@ -53,7 +53,7 @@ COLLOQUY_EXPORT bool gKillProcess(ProcessInfo& info);
 // Groups by name (case-sensitive). The manager owns each name and group; terminating a
 // group destroys both, and so does destroying the manager (without killing anything).
 class COLLOQUY_EXPORT ProcessesGroupManager : public RWHashDictionary {
-public:
+  public:
     ProcessesGroupManager();
     ~ProcessesGroupManager() override;
     ProcessesGroupManager(ProcessesGroupManager const&) = delete;

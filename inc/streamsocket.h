@@ -13,7 +13,7 @@
 // messages are sent and received, or a listener (CreateListenerSocket) that accepts them.
 // A message is the 8-byte header (body length, type, subtype, big-endian) and then the body.
 class COLLOQUY_EXPORT StreamSocket : public c_Socket {
-public:
+  public:
     StreamSocket();
     StreamSocket(nCommunication::nSocket::cHandleValid handle);
     ~StreamSocket() override;
@@ -25,7 +25,8 @@ public:
     nCommunication::nSocket::cHandleValid Accept(nCommunication::nSocket::cSocketOptions options);
 
     // Exactly `count` bytes into `buffer`, or false.
-    bool ReadDataZ1(int count, char* buffer, bool continuation, nCommunication::nSocket::iLatencyConfiguration* latency);
+    bool ReadDataZ1(int count, char* buffer, bool continuation,
+                    nCommunication::nSocket::iLatencyConfiguration* latency);
     // All `count` bytes, or false.
     bool WriteDataZ1(int count, const char* buffer);
     // Releases a body returned by WaitTypedMessageZ1; null is ignored.
@@ -42,7 +43,7 @@ public:
     bool WaitTypedMessageZ1(short& type, short& subType, char*& data, int& length,
                             nCommunication::nSocket::iLatencyConfiguration* latency);
 
-protected:
+  protected:
     int mReserved;  // set to 0 by the default constructor; no operation here reads it
 };
 

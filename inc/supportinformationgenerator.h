@@ -19,7 +19,7 @@
 #include <fstream>
 
 class COLLOQUY_EXPORT CSupportInformationGenerator {
-public:
+  public:
     CSupportInformationGenerator();
     virtual ~CSupportInformationGenerator();
 

@@ -8,7 +8,7 @@
 #include <string>
 
 class COLLOQUY_EXPORT CColloquyAddress {
-public:
+  public:
     // Splits `fullText` at "@": the first token is the name part, the second the host part,
     // anything further is ignored. Separators in front of a token are skipped, so "a@@b"
     // splits like "a@b" and "@host" puts host into the name part. `fullAddress` keeps the

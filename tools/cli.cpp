@@ -51,8 +51,8 @@ long long parseNumber(std::string const& text, long long min, long long max, std
     char* end = nullptr;
     long long const v = std::strtoll(text.c_str(), &end, 10);
     if (text.empty() || *end != '\0' || errno == ERANGE || v < min || v > max)
-        throw UsageError(what + " must be a whole number from " + std::to_string(min) + " to " +
-                         std::to_string(max) + ", not '" + text + "'");
+        throw UsageError(what + " must be a whole number from " + std::to_string(min) + " to " + std::to_string(max) +
+                         ", not '" + text + "'");
     return v;
 }
 

@@ -25,7 +25,7 @@ struct Failure : std::runtime_error {
 // The options and positional arguments of one command. Options are "--name value" or
 // "--name" alone (a flag); `valued` names the options that take a value.
 class Args {
-public:
+  public:
     Args(std::vector<std::string> const& words, std::vector<std::string> const& valued,
          std::vector<std::string> const& flags);
     bool flag(std::string const& name) const { return mFlags.count(name) != 0; }
@@ -34,7 +34,7 @@ public:
     // An integer option in [min, max], or `fallback` when absent.
     long long number(std::string const& name, long long fallback, long long min, long long max) const;
 
-private:
+  private:
     std::map<std::string, std::string> mValues;
     std::map<std::string, bool> mFlags;
     std::vector<std::string> mPositional;

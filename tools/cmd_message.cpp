@@ -31,8 +31,8 @@ std::optional<Envelope> readEnvelope(std::string_view packed) {
     cColloquyMessage const message(packed.data(), static_cast<unsigned>(packed.size()), 0, 0);
     // A message of eight well-formed fields packs again into exactly the bytes it came from; a
     // malformed buffer (mapped to empty fields) or one of another field count does not.
-    cColloquyMessage const again(message.userValue, message.toHost, message.toName, message.fromHost,
-                                 message.fromName, message.qType, 0, 0, message.body, message.bodyLen);
+    cColloquyMessage const again(message.userValue, message.toHost, message.toName, message.fromHost, message.fromName,
+                                 message.qType, 0, 0, message.body, message.bodyLen);
     if (std::string_view(again.packedBuffer, again.packedLen) != packed) return std::nullopt;
     Envelope e;
     e.toName = message.toName;
@@ -56,9 +56,10 @@ std::string envelopeLine(Envelope const& e) {
 }
 
 std::string envelopeJson(Envelope const& e) {
-    return "{\"to\":" + jsonString(e.toName + "@" + e.toHost) + ",\"from\":" + jsonString(e.fromName + "@" + e.fromHost) +
-           ",\"qType\":" + std::to_string(e.qType) + ",\"userValue\":" + std::to_string(e.userValue) +
-           ",\"formatStamp\":" + std::to_string(e.formatStamp) + ",\"bodyLength\":" + std::to_string(e.body.size()) + "}";
+    return "{\"to\":" + jsonString(e.toName + "@" + e.toHost) +
+           ",\"from\":" + jsonString(e.fromName + "@" + e.fromHost) + ",\"qType\":" + std::to_string(e.qType) +
+           ",\"userValue\":" + std::to_string(e.userValue) + ",\"formatStamp\":" + std::to_string(e.formatStamp) +
+           ",\"bodyLength\":" + std::to_string(e.body.size()) + "}";
 }
 
 constexpr size_t kRawShown = 256;  // raw bodies are shown up to this many bytes
@@ -117,14 +118,16 @@ int cmdUnpack(Words const& words) {
     if (!args.positional().empty()) throw UsageError("unpack reads standard input and takes no arguments");
     std::string const packed = readAll(stdin);
     std::optional<Envelope> const envelope = readEnvelope(packed);
-    if (!envelope) throw Failure("input is not a packed message of eight fields (" + std::to_string(packed.size()) + " bytes)");
+    if (!envelope)
+        throw Failure("input is not a packed message of eight fields (" + std::to_string(packed.size()) + " bytes)");
     if (args.flag("--json")) {
         writeAll(stdout, "{\"packedLength\":" + std::to_string(packed.size()) + describeBodyJson(packed) + "}\n");
     } else {
-        writeAll(stdout, "to: " + escapeBytes(envelope->toName) + "@" + escapeBytes(envelope->toHost) + "\nfrom: " +
-                             escapeBytes(envelope->fromName) + "@" + escapeBytes(envelope->fromHost) +
-                             "\nqtype: " + std::to_string(envelope->qType) + "\nuser value: " +
-                             std::to_string(envelope->userValue) + "\nformat: " + std::to_string(envelope->formatStamp) +
+        writeAll(stdout, "to: " + escapeBytes(envelope->toName) + "@" + escapeBytes(envelope->toHost) +
+                             "\nfrom: " + escapeBytes(envelope->fromName) + "@" + escapeBytes(envelope->fromHost) +
+                             "\nqtype: " + std::to_string(envelope->qType) +
+                             "\nuser value: " + std::to_string(envelope->userValue) +
+                             "\nformat: " + std::to_string(envelope->formatStamp) +
                              "\nbody: " + std::to_string(envelope->body.size()) + " bytes\n");
         Pairs pairs;
         if (!envelope->body.empty() && tryReadTextForm(envelope->body, pairs))

@@ -7,14 +7,14 @@
 #include "streamsocket.h"
 #include "zeppackmsg.h"
 
-#include <algorithm>
 #include <arpa/inet.h>
+#include <unistd.h>
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstring>
 #include <memory>
 #include <thread>
-#include <unistd.h>
 
 namespace colloquy {
 
@@ -53,7 +53,8 @@ bool receiveBounded(StreamSocket& socket, long long maxSize, Received& out, nSoc
     int const length = socket.GetMessageHeaderZ1(&out.header, latency);
     if (length < 0) return false;
     if (length > maxSize)
-        throw Failure("peer sent a " + std::to_string(length) + "-byte message, over --max-size " + std::to_string(maxSize));
+        throw Failure("peer sent a " + std::to_string(length) + "-byte message, over --max-size " +
+                      std::to_string(maxSize));
     out.type = static_cast<short>(ntohs(static_cast<uint16_t>(out.header.messageType)));
     out.subType = static_cast<short>(ntohs(static_cast<uint16_t>(out.header.messageSubType)));
     out.body.resize(static_cast<size_t>(length));
@@ -122,13 +123,15 @@ int cmdListen(Words const& words) {
         while ((count == 0 || seen < count) && receiveBounded(connection, maxSize, m, nullptr)) {
             ++seen;
             if (json) {
-                writeAll(stdout, "{\"n\":" + std::to_string(seen) + ",\"length\":" + std::to_string(m.body.size()) +
-                                     ",\"type\":" + std::to_string(m.type) + ",\"subType\":" + std::to_string(m.subType) +
-                                     ",\"header\":" + jsonString(hexBytes(&m.header, 8)) + describeBodyJson(m.body) + "}\n");
+                writeAll(stdout,
+                         "{\"n\":" + std::to_string(seen) + ",\"length\":" + std::to_string(m.body.size()) +
+                             ",\"type\":" + std::to_string(m.type) + ",\"subType\":" + std::to_string(m.subType) +
+                             ",\"header\":" + jsonString(hexBytes(&m.header, 8)) + describeBodyJson(m.body) + "}\n");
             } else {
-                writeAll(stdout, "message " + std::to_string(seen) + ": " + std::to_string(m.body.size()) + " bytes, type " +
-                                     std::to_string(m.type) + ", subtype " + std::to_string(m.subType) +
-                                     "\n  header: " + hexBytes(&m.header, 8) + "\n" + describeBody(m.body, "  "));
+                writeAll(stdout, "message " + std::to_string(seen) + ": " + std::to_string(m.body.size()) +
+                                     " bytes, type " + std::to_string(m.type) + ", subtype " +
+                                     std::to_string(m.subType) + "\n  header: " + hexBytes(&m.header, 8) + "\n" +
+                                     describeBody(m.body, "  "));
             }
         }
     }
@@ -146,8 +149,8 @@ int cmdDemo(Words const& words) {
     say("1. listener on loopback port " + std::to_string(port));
 
     // 2. A record, written in its text form.
-    Pairs const sent = {{"$FROM", "agent"}, {"city", "Z\xc3\xbcrich"}, {"count", "42"}, {"empty", ""},
-                        {"binary", std::string("a\0b", 3)}, {"note", "it's 'quoted' text"}};
+    Pairs const sent = {{"$FROM", "agent"}, {"city", "Z\xc3\xbcrich"},          {"count", "42"},
+                        {"empty", ""},      {"binary", std::string("a\0b", 3)}, {"note", "it's 'quoted' text"}};
     std::string const text = textFormOf(sent);
     say("2. record of " + std::to_string(sent.size()) + " pairs, text form " + std::to_string(text.size()) +
         " bytes: " + escapeBytes(text));
@@ -155,7 +158,8 @@ int cmdDemo(Words const& words) {
     // 3. A message around it.
     cColloquyMessage const outgoing(7, "hostB", "svc", "hostA", "agent", static_cast<QType>(3), 1, 2, text.data(),
                                     static_cast<unsigned>(text.size()));
-    say("3. message packed into " + std::to_string(outgoing.packedLen) + " bytes: from agent@hostA to svc@hostB, qtype 3, user value 7");
+    say("3. message packed into " + std::to_string(outgoing.packedLen) +
+        " bytes: from agent@hostA to svc@hostB, qtype 3, user value 7");
 
     // 4. Sent over a loopback connection: header and body in one send.
     StreamSocket client;
@@ -177,7 +181,8 @@ int cmdDemo(Words const& words) {
         std::to_string(length) + " bytes");
 
     // 6. Unpacked: the message takes over the received buffer.
-    cColloquyMessage* incoming = ZEPTmo2Cqm(new cTypedMessageObject(type, subType, body, static_cast<unsigned>(length)));
+    cColloquyMessage* incoming =
+        ZEPTmo2Cqm(new cTypedMessageObject(type, subType, body, static_cast<unsigned>(length)));
     std::unique_ptr<cColloquyMessage, void (*)(cColloquyMessage*)> owner(incoming, ZEPDeleteMsg);
     std::string printed = incoming->printOnString();
     if (!printed.empty() && printed.back() == '\n') printed.pop_back();
@@ -265,7 +270,9 @@ int cmdBench(Words const& words) {
     if (!serverOk) throw Failure("the loopback peer failed");
 
     std::sort(latencies.begin(), latencies.end());
-    auto percentile = [&](double p) { return latencies[static_cast<size_t>(p * static_cast<double>(latencies.size() - 1))]; };
+    auto percentile = [&](double p) {
+        return latencies[static_cast<size_t>(p * static_cast<double>(latencies.size() - 1))];
+    };
     double const perSecond = static_cast<double>(count) / oneWaySeconds;
     std::printf("one-way: %lld messages of %lld bytes in %.3f s: %.0f messages/s, %.1f MB/s\n", count, size,
                 oneWaySeconds, perSecond, perSecond * static_cast<double>(size + 8) / 1e6);

@@ -14,8 +14,7 @@ namespace colloquy {
 
 std::string textFormOf(Pairs const& pairs) {
     CAssociativeArray record(static_cast<int>(pairs.size() * 2 + 8));
-    for (auto const& [key, value] : pairs)
-        record.AddCouple(key.c_str(), value.data(), static_cast<int>(value.size()));
+    for (auto const& [key, value] : pairs) record.AddCouple(key.c_str(), value.data(), static_cast<int>(value.size()));
     char const* text = nullptr;
     int length = 0;
     record.ToString(text, length, false, false);
@@ -88,8 +87,7 @@ constexpr auto makeHubTable(std::index_sequence<N...>) {
 
 std::string hubDumpOf(std::string const& from, Pairs const& pairs) {
     static constexpr auto kTable = makeHubTable(std::make_index_sequence<kMaxHubPairs + 1>());
-    if (pairs.size() > kMaxHubPairs)
-        throw UsageError("--hub takes at most " + std::to_string(kMaxHubPairs) + " pairs");
+    if (pairs.size() > kMaxHubPairs) throw UsageError("--hub takes at most " + std::to_string(kMaxHubPairs) + " pairs");
     std::vector<char const*> v;
     for (auto const& [key, value] : pairs) {
         if (value.find('\0') != std::string::npos)
@@ -113,7 +111,8 @@ int cmdEncode(Words const& words) {
         writeAll(stdout, hubDumpOf(*from, pairs));
         return 0;
     }
-    if (pairs.empty()) throw UsageError("encode needs at least one key=value pair (an empty record does not read back)");
+    if (pairs.empty())
+        throw UsageError("encode needs at least one key=value pair (an empty record does not read back)");
     writeAll(stdout, textFormOf(pairs));
     return 0;
 }

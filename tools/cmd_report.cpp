@@ -3,13 +3,13 @@
 #include "commands.h"
 #include "supportinformationgenerator.h"
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <dirent.h>
-#include <fcntl.h>
 #include <fstream>
-#include <unistd.h>
 
 namespace colloquy {
 
@@ -18,7 +18,7 @@ namespace {
 // Gathering writes its temporary files into the working directory (and leaves them there when
 // a command fails), so the tool gathers inside a scratch directory and removes it afterwards.
 class ScratchDirectory {
-public:
+  public:
     ScratchDirectory() {
         char pattern[] = "/tmp/colloquy-report-XXXXXX";
         if (!::mkdtemp(pattern)) throw Failure(std::string("cannot make a scratch directory: ") + std::strerror(errno));
@@ -45,7 +45,7 @@ public:
     ScratchDirectory(ScratchDirectory const&) = delete;
     ScratchDirectory& operator=(ScratchDirectory const&) = delete;
 
-private:
+  private:
     std::string mPath;
     int mHome = -1;
 };

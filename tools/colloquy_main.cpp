@@ -4,11 +4,11 @@
 
 #include "nlog.h"
 
+#include <signal.h>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
-#include <signal.h>
 
 namespace {
 
@@ -47,7 +47,8 @@ Command const kCommands[] = {
 void printHelp(std::FILE* out) {
     std::fprintf(out, "usage: colloquy COMMAND [options]\n\ncommands:\n");
     for (Command const& c : kCommands) std::fprintf(out, "  %s\n      %s\n", c.usage, c.summary);
-    std::fprintf(out, "\nexit status: 0 success, 1 failure, 2 usage error; `colloquy COMMAND --help` for one command\n");
+    std::fprintf(out,
+                 "\nexit status: 0 success, 1 failure, 2 usage error; `colloquy COMMAND --help` for one command\n");
 }
 
 bool wantsHelp(colloquy::Words const& words) {

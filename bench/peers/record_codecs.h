@@ -61,7 +61,7 @@ inline void addAll(CAssociativeArray& record, tPairs const& pairs) {
 }
 
 class cOurs {
-public:
+  public:
     static constexpr char const* kName = "ours";
     static std::string version() { return "this build"; }
     explicit cOurs(tPairs const& pairs) { addAll(mRecord, pairs); }
@@ -78,14 +78,14 @@ public:
     }
     std::string text() const { return mRecord.ToStringRef(false, false).stdString(); }
 
-private:
+  private:
     CAssociativeArray mRecord;
 };
 
 // ---- the floor: the record's text form copied --------------------------------------------
 
 class cMemcpy {
-public:
+  public:
     static constexpr char const* kName = "memcpy";
     static std::string version() { return "libc"; }
     explicit cMemcpy(tPairs const& pairs) : mText(cOurs(pairs).text()), mTarget(mText.size()) {}
@@ -93,7 +93,7 @@ public:
     size_t read(std::string const& text) { return copy(text); }
     std::string text() const { return mText; }
 
-private:
+  private:
     size_t copy(std::string const& from) {
         std::memcpy(mTarget.data(), from.data(), from.size());
         return static_cast<size_t>(mTarget[from.size() / 2]);
@@ -106,11 +106,11 @@ private:
 
 #ifdef COLLOQUY_PEER_NLOHMANN
 class cNlohmann {
-public:
+  public:
     static constexpr char const* kName = "nlohmann_json";
     static std::string version() {
-        return std::to_string(NLOHMANN_JSON_VERSION_MAJOR) + "." + std::to_string(NLOHMANN_JSON_VERSION_MINOR) +
-               "." + std::to_string(NLOHMANN_JSON_VERSION_PATCH);
+        return std::to_string(NLOHMANN_JSON_VERSION_MAJOR) + "." + std::to_string(NLOHMANN_JSON_VERSION_MINOR) + "." +
+               std::to_string(NLOHMANN_JSON_VERSION_PATCH);
     }
     explicit cNlohmann(tPairs const& pairs) : mDocument(nlohmann::json::object()) {
         for (auto const& [key, value] : pairs) mDocument[key] = value;
@@ -122,7 +122,7 @@ public:
     static size_t read(std::string const& text) { return nlohmann::json::parse(text).size(); }
     std::string text() const { return mDocument.dump(); }
 
-private:
+  private:
     nlohmann::json mDocument;
     std::string mText;
 };
@@ -130,16 +130,16 @@ private:
 
 #ifdef COLLOQUY_PEER_RAPIDJSON
 class cRapidJson {
-public:
+  public:
     static constexpr char const* kName = "rapidjson";
     static std::string version() { return RAPIDJSON_VERSION_STRING; }
     explicit cRapidJson(tPairs const& pairs) {
         mDocument.SetObject();
         auto& allocator = mDocument.GetAllocator();
         for (auto const& [key, value] : pairs)
-            mDocument.AddMember(rapidjson::Value(key.data(), static_cast<rapidjson::SizeType>(key.size()), allocator),
-                                rapidjson::Value(value.data(), static_cast<rapidjson::SizeType>(value.size()), allocator),
-                                allocator);
+            mDocument.AddMember(
+                rapidjson::Value(key.data(), static_cast<rapidjson::SizeType>(key.size()), allocator),
+                rapidjson::Value(value.data(), static_cast<rapidjson::SizeType>(value.size()), allocator), allocator);
     }
     size_t write() {
         mBuffer.Clear();
@@ -157,7 +157,7 @@ public:
         return std::string(mBuffer.GetString(), mBuffer.GetSize());
     }
 
-private:
+  private:
     rapidjson::Document mDocument;
     rapidjson::StringBuffer mBuffer;
 };
@@ -165,7 +165,7 @@ private:
 
 #ifdef COLLOQUY_PEER_MSGPACK
 class cMsgpack {
-public:
+  public:
     static constexpr char const* kName = "msgpack";
     static std::string version() { return msgpack_version(); }
     explicit cMsgpack(tPairs const& pairs) : mMap(pairs.begin(), pairs.end()) {}
@@ -184,7 +184,7 @@ public:
         return std::string(mBuffer.data(), mBuffer.size());
     }
 
-private:
+  private:
     std::map<std::string, std::string> mMap;
     msgpack::sbuffer mBuffer;
 };

@@ -52,7 +52,8 @@ std::vector<benchratio::cComparison> registerAll() {
                 benchmark::RegisterBenchmark(name.c_str(), run, size.pairs);
                 if (name == workload + cOurs::kName) return;
                 bool const floor = std::string(Codec::kName) == cMemcpy::kName;
-                if (size.floor == floor) comparisons.push_back({workload + cOurs::kName, name, floor ? "<= 1.5" : "< 1"});
+                if (size.floor == floor)
+                    comparisons.push_back({workload + cOurs::kName, name, floor ? "<= 1.5" : "< 1"});
             });
         }
     forEachCodec(true, [](auto tag) {

@@ -30,7 +30,7 @@ struct cZmqLink {
 // One end: its own context and socket, opened by makePair. Sends and receives wait at most
 // kWaitMs at a time, so that a thread blocked on a peer that hung up notices the flag.
 class cZmqEnd {
-public:
+  public:
     static constexpr int kWaitMs = 50;
     cZmqEnd() { zmq_msg_init(&mMessage); }
     cZmqEnd(cZmqEnd const&) = delete;
@@ -65,7 +65,7 @@ public:
     }
     void hangUp() { mLink->stopped = true; }
 
-protected:
+  protected:
     // The second end (PULL, REP) binds an ephemeral loopback port, the first connects to it.
     static void connect(cZmqEnd& first, int firstType, cZmqEnd& second, int secondType) {
         first.open(firstType);
@@ -79,7 +79,7 @@ protected:
         first.mLink = second.mLink = std::make_shared<cZmqLink>();
     }
 
-private:
+  private:
     void open(int type) {
         mContext = zmq_ctx_new();
         mSocket = mContext ? zmq_socket(mContext, type) : nullptr;

@@ -13,7 +13,7 @@
 // 28591-28606 (ISO-8859-1 to -16), 20866 KOI8-R. A byte sequence with no counterpart in the
 // target code page (or not valid in the source code page) becomes "?".
 // Thread-safe; a size query followed by the conversion of the same text converts it once.
-COLLOQUY_EXPORT int ANSIToANSI(unsigned int fromCodePage, unsigned int toCodePage, char const* source,
-                               int sourceLength, char* target, int targetSize);
+COLLOQUY_EXPORT int ANSIToANSI(unsigned int fromCodePage, unsigned int toCodePage, char const* source, int sourceLength,
+                               char* target, int targetSize);
 
 #endif

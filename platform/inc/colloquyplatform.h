@@ -2,11 +2,14 @@
 #ifndef COLLOQUY_COLLOQUYPLATFORM_H
 #define COLLOQUY_COLLOQUYPLATFORM_H
 
+#include "codepage.h"
 #include "cplatformdefs.h"
+#include "envsettings.h"
 #include "kzexception.h"
 #include "nlog.h"
 #include "nsocket.h"
 #include "ntime.h"
+#include "qrprocess.h"
 #include "rwcollect.h"
 #include "rwcollection.h"
 #include "rwcstring.h"
@@ -15,8 +18,5 @@
 #include "rwordered.h"
 #include "staticlife.h"
 #include "stringcoe.h"
-#include "qrprocess.h"
-#include "codepage.h"
-#include "envsettings.h"
 
 #endif

@@ -19,7 +19,7 @@
 // A table of settings, filled from files by nEnvSettings::gFileInitTable. The handles given
 // out for it are valid while it lives.
 class COLLOQUY_EXPORT QREnvContainerClass {
-public:
+  public:
     QREnvContainerClass();
     ~QREnvContainerClass();
     QREnvContainerClass(QREnvContainerClass const&) = delete;
@@ -34,7 +34,7 @@ public:
     // Adds the settings of one INI text after those already loaded.
     void load(std::string const& iniText);
 
-private:
+  private:
     std::vector<std::pair<std::string, std::string>> mSettings;
 };
 

@@ -11,7 +11,7 @@
 
 // The interface of the infrastructure's exceptions.
 class COLLOQUY_EXPORT iKZException : public std::exception {
-public:
+  public:
     ~iKZException() override;
     char const* what() const noexcept override = 0;
     // The message text.
@@ -27,7 +27,7 @@ public:
 //   11 "Key '%1' does not exist in: %2"
 // An unknown message is shown as the file, the number and the arguments.
 class COLLOQUY_EXPORT KZErrorException : public iKZException {
-public:
+  public:
     // Further arguments are `char const*`, ended by a null pointer.
     KZErrorException(char const* messageFile, int messageNumber, ...);
     // The same with the arguments given as strings (which may hold any bytes).
@@ -44,7 +44,7 @@ public:
     RWCString vGetErrorMsg_iKZException() const override;
     void vStackTrace_iKZException(RWCString& out) const override;
 
-private:
+  private:
     void format();
 
     std::string mMessageFile;
@@ -66,7 +66,7 @@ COLLOQUY_EXPORT cPosition gPosition(char const* file, int line);
 
 // Raised when a module finds itself in a state it cannot continue from.
 class COLLOQUY_EXPORT cBrokenModuleException : public iKZException {
-public:
+  public:
     cBrokenModuleException(nCoreError::cPosition position, char const* message);
     ~cBrokenModuleException() override;
     char const* what() const noexcept override;
@@ -74,7 +74,7 @@ public:
     void vStackTrace_iKZException(RWCString& out) const override;
     nCoreError::cPosition position() const { return mPosition; }
 
-private:
+  private:
     nCoreError::cPosition mPosition;
     std::string mText;
 };

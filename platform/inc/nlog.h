@@ -25,14 +25,14 @@ namespace nLog {
 
 // A log tag. Its on/off state is shared by every tag object of the same name.
 class COLLOQUY_EXPORT cTag {
-public:
+  public:
     explicit cTag(char const* name);
     cTag(cTag const&) = delete;
     cTag& operator=(cTag const&) = delete;
     char const* name() const { return mName; }
     bool enabled() const { return mState->load(std::memory_order_relaxed); }
 
-private:
+  private:
     char const* mName;
     std::atomic<bool>* mState;  // owned by the process-wide tag registry, never freed
 };
@@ -53,12 +53,12 @@ struct cSource {
 };
 
 struct cRecord {
-    std::string tag;      // "Error", "Warning", "Trace", "Execution" or "ColloquyT"
-    std::string module;   // "ColloquyUtil" for every record of the library
-    std::string file;     // "../src/" followed by the module name, e.g. "../src/packmsg"
-    int line;             // the source line
-    unsigned long thread; // the calling thread's id
-    std::string text;     // the pieces joined by tabs, "<NullChar*>" for a null text piece
+    std::string tag;       // "Error", "Warning", "Trace", "Execution" or "ColloquyT"
+    std::string module;    // "ColloquyUtil" for every record of the library
+    std::string file;      // "../src/" followed by the module name, e.g. "../src/packmsg"
+    int line;              // the source line
+    unsigned long thread;  // the calling thread's id
+    std::string text;      // the pieces joined by tabs, "<NullChar*>" for a null text piece
 };
 
 COLLOQUY_EXPORT void gEnable(char const* tag, bool on);  // switch one tag on or off, process-wide
@@ -66,7 +66,7 @@ COLLOQUY_EXPORT bool gIsEnabled(char const* tag);
 
 // While one exists, every record written is also kept here (records of all threads).
 class COLLOQUY_EXPORT cCapture {
-public:
+  public:
     cCapture();
     ~cCapture();
     cCapture(cCapture const&) = delete;
@@ -74,7 +74,7 @@ public:
     std::vector<cRecord> const& records() const;
     void clear();
 
-private:
+  private:
     friend struct cCaptureAccess;
     std::vector<cRecord> mRecords;
 };
@@ -91,8 +91,8 @@ COLLOQUY_EXPORT void gAppendPiece(std::string& out, long long number);
 COLLOQUY_EXPORT void gAppendPiece(std::string& out, unsigned long long number);
 COLLOQUY_EXPORT void gAppendPiece(std::string& out, double number);
 COLLOQUY_EXPORT void gAppendPiece(std::string& out, void const* pointer);
-template <class T, std::enable_if_t<std::is_integral_v<T> && !std::is_same_v<T, char> &&
-                                        !std::is_same_v<T, bool>, int> = 0>
+template <class T,
+          std::enable_if_t<std::is_integral_v<T> && !std::is_same_v<T, char> && !std::is_same_v<T, bool>, int> = 0>
 inline void gAppendPiece(std::string& out, T number) {
     if constexpr (std::is_signed_v<T>)
         gAppendPiece(out, static_cast<long long>(number));
@@ -107,12 +107,12 @@ COLLOQUY_EXPORT void gDeliver(cRecord const& record);
 // The recursion guard: entered() is false when this thread is already composing or
 // delivering a record, and the nested record is then dropped.
 class COLLOQUY_EXPORT cGuard {
-public:
+  public:
     cGuard();
     ~cGuard();
     bool entered() const { return mEntered; }
 
-private:
+  private:
     bool mEntered;
 };
 
@@ -124,8 +124,8 @@ template <class... Pieces>
 void gWrite(cTag const& tag, cSource const& source, Pieces const&... pieces) {
     cGuard guard;
     if (!guard.entered()) return;
-    cRecord record{tag.name(), source.logModule, std::string("../src/") + source.sourceModule,
-                   source.line, gThreadId(), std::string()};
+    cRecord record{tag.name(),  source.logModule, std::string("../src/") + source.sourceModule,
+                   source.line, gThreadId(),      std::string()};
     [[maybe_unused]] bool first = true;
     ((first ? void(first = false) : record.text.push_back('\t'), gAppendPiece(record.text, pieces)), ...);
     gDeliver(record);
@@ -134,9 +134,9 @@ void gWrite(cTag const& tag, cSource const& source, Pieces const&... pieces) {
 }  // namespace nLog
 
 // Writes a record when `tag` is enabled; the pieces are not evaluated otherwise.
-#define COLLOQUY_LOG_RECORD(tag, source, ...)                                 \
-    do {                                                                      \
-        if ((tag).enabled()) ::nLog::gWrite((tag), (source), ##__VA_ARGS__);  \
+#define COLLOQUY_LOG_RECORD(tag, source, ...)                                \
+    do {                                                                     \
+        if ((tag).enabled()) ::nLog::gWrite((tag), (source), ##__VA_ARGS__); \
     } while (0)
 
 #endif

@@ -29,12 +29,12 @@ struct cSocketState;  // the descriptor and the read buffer behind a handle
 
 // A handle that refers to an open socket. Made only by the functions below.
 class COLLOQUY_EXPORT cHandleValid {
-public:
+  public:
     // The POSIX descriptor, -1 once the socket was closed or deleted. Reading from it directly
     // bypasses the bytes gReceive has read ahead.
     int descriptor() const;
 
-private:
+  private:
     friend class cHandleOptional;
     friend struct cHandleAccess;
     explicit cHandleValid(std::shared_ptr<cSocketState> state) : mState(std::move(state)) {}
@@ -43,12 +43,12 @@ private:
 
 // A handle that may be invalid (the default).
 class COLLOQUY_EXPORT cHandleOptional {
-public:
+  public:
     cHandleOptional() = default;
     cHandleOptional(cHandleValid const& handle) : mState(handle.mState) {}
     int descriptor() const;  // -1 when invalid
 
-private:
+  private:
     friend struct cHandleAccess;
     std::shared_ptr<cSocketState> mState;
 };
@@ -68,7 +68,7 @@ struct cSocketOptions {
 // How long `gReceive` may wait. `continuation` is false for the first bytes of a message (its
 // header) and true for the rest of a message whose start has arrived.
 class COLLOQUY_EXPORT iLatencyConfiguration {
-public:
+  public:
     virtual ~iLatencyConfiguration();
     // The longest a whole receive may take; no value: no limit.
     virtual std::optional<nTime::cDiff> receiveLimit(bool continuation) const = 0;
@@ -76,14 +76,14 @@ public:
 
 // A fixed time-out: one limit for the start of a message, one for its continuation.
 class COLLOQUY_EXPORT cFixedLatencyConfiguration : public iLatencyConfiguration {
-public:
+  public:
     explicit cFixedLatencyConfiguration(nTime::cDiff limit) : mFirst(limit), mContinuation(limit) {}
     cFixedLatencyConfiguration(nTime::cDiff first, nTime::cDiff continuation)
         : mFirst(first), mContinuation(continuation) {}
     ~cFixedLatencyConfiguration() override;
     std::optional<nTime::cDiff> receiveLimit(bool continuation) const override;
 
-private:
+  private:
     nTime::cDiff mFirst;
     nTime::cDiff mContinuation;
 };
@@ -91,14 +91,14 @@ private:
 // What connect, listen, accept and `gValidate` throw. what() names the operation, the host,
 // the port and the system error.
 class COLLOQUY_EXPORT cSocketException : public std::runtime_error {
-public:
+  public:
     cSocketException(std::string const& operation, std::string host, unsigned short port, int systemError);
     ~cSocketException() override;
     std::string const& host() const { return mHost; }
     unsigned short port() const { return mPort; }
     int systemError() const { return mSystemError; }  // the errno value
 
-private:
+  private:
     std::string mHost;
     unsigned short mPort;
     int mSystemError;

@@ -9,7 +9,7 @@ namespace nTime {
 
 // An interval in milliseconds (negative intervals are allowed and mean "already over").
 class cDiff {
-public:
+  public:
     constexpr cDiff() = default;
     constexpr explicit cDiff(int64_t milliseconds) : mMs(milliseconds) {}
     static constexpr cDiff fromMilliseconds(int64_t ms) { return cDiff(ms); }
@@ -23,7 +23,7 @@ public:
     friend constexpr cDiff operator+(cDiff a, cDiff b) { return cDiff(a.mMs + b.mMs); }
     friend constexpr cDiff operator-(cDiff a, cDiff b) { return cDiff(a.mMs - b.mMs); }
 
-private:
+  private:
     int64_t mMs = 0;
 };
 

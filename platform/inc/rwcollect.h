@@ -17,7 +17,7 @@ typedef unsigned short RWClassID;
 // A collectable object. Collections find items through hash() and isEqual(); the defaults
 // give identity: an object equals only itself.
 class COLLOQUY_EXPORT RWCollectable {
-public:
+  public:
     RWCollectable() = default;
     RWCollectable(RWCollectable const&) = default;
     RWCollectable& operator=(RWCollectable const&) = default;
@@ -31,7 +31,7 @@ public:
 
 // A collectable string: equal to another collectable string with the same bytes.
 class COLLOQUY_EXPORT RWCollectableString : public RWCollectable, public RWCString {
-public:
+  public:
     RWCollectableString() = default;
     RWCollectableString(char const* text) : RWCString(text) {}
     RWCollectableString(char const* bytes, size_t length) : RWCString(bytes, length) {}
@@ -45,7 +45,7 @@ public:
 
 // A collectable int: equal to another collectable int with the same value.
 class COLLOQUY_EXPORT RWCollectableInt : public RWCollectable {
-public:
+  public:
     RWCollectableInt(int value = 0) : mValue(value) {}
     ~RWCollectableInt() override;
     RWClassID isA() const override;
@@ -54,9 +54,13 @@ public:
     int compareTo(RWCollectable const* other) const override;
 
     int value() const { return mValue; }
-    int value(int newValue) { int old = mValue; mValue = newValue; return old; }
+    int value(int newValue) {
+        int old = mValue;
+        mValue = newValue;
+        return old;
+    }
 
-private:
+  private:
     int mValue;
 };
 

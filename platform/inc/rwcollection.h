@@ -12,7 +12,7 @@
 // Containers hold pointers and never copy the objects. Who owns the objects is the caller's
 // business: clear() only forgets them, clearAndDestroy() deletes them.
 class COLLOQUY_EXPORT RWCollection : public RWCollectable {
-public:
+  public:
     static constexpr size_t DEFAULT_CAPACITY = 64;
 
     ~RWCollection() override;

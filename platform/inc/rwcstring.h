@@ -9,12 +9,12 @@
 #include <string_view>
 
 class COLLOQUY_EXPORT RWCString {
-public:
+  public:
     static constexpr size_t npos = std::string::npos;
 
     RWCString() = default;
-    RWCString(char const* text);                 // up to the NUL; a null pointer gives ""
-    RWCString(char const* bytes, size_t length); // exactly `length` bytes
+    RWCString(char const* text);                  // up to the NUL; a null pointer gives ""
+    RWCString(char const* bytes, size_t length);  // exactly `length` bytes
     RWCString(std::string text) : mText(std::move(text)) {}
     explicit RWCString(std::string_view bytes) : mText(bytes) {}
     RWCString(char c, size_t count) : mText(count, c) {}
@@ -32,20 +32,50 @@ public:
     char operator()(size_t i) const { return mText[i]; }
 
     RWCString& operator=(char const* text);
-    RWCString& operator=(std::string const& text) { mText = text; return *this; }
-    RWCString& assign(char const* bytes, size_t length) { mText.assign(bytes, length); return *this; }
+    RWCString& operator=(std::string const& text) {
+        mText = text;
+        return *this;
+    }
+    RWCString& assign(char const* bytes, size_t length) {
+        mText.assign(bytes, length);
+        return *this;
+    }
 
     RWCString& append(char const* text);
-    RWCString& append(char const* bytes, size_t length) { mText.append(bytes, length); return *this; }
-    RWCString& append(RWCString const& other) { mText.append(other.mText); return *this; }
-    RWCString& append(char c, size_t count = 1) { mText.append(count, c); return *this; }
+    RWCString& append(char const* bytes, size_t length) {
+        mText.append(bytes, length);
+        return *this;
+    }
+    RWCString& append(RWCString const& other) {
+        mText.append(other.mText);
+        return *this;
+    }
+    RWCString& append(char c, size_t count = 1) {
+        mText.append(count, c);
+        return *this;
+    }
     RWCString& operator+=(char const* text) { return append(text); }
     RWCString& operator+=(RWCString const& other) { return append(other); }
-    RWCString& operator+=(char c) { mText.push_back(c); return *this; }
-    RWCString& prepend(char const* bytes, size_t length) { mText.insert(0, bytes, length); return *this; }
-    RWCString& insert(size_t pos, char const* bytes, size_t length) { mText.insert(pos, bytes, length); return *this; }
-    RWCString& remove(size_t pos) { mText.erase(pos); return *this; }
-    RWCString& remove(size_t pos, size_t count) { mText.erase(pos, count); return *this; }
+    RWCString& operator+=(char c) {
+        mText.push_back(c);
+        return *this;
+    }
+    RWCString& prepend(char const* bytes, size_t length) {
+        mText.insert(0, bytes, length);
+        return *this;
+    }
+    RWCString& insert(size_t pos, char const* bytes, size_t length) {
+        mText.insert(pos, bytes, length);
+        return *this;
+    }
+    RWCString& remove(size_t pos) {
+        mText.erase(pos);
+        return *this;
+    }
+    RWCString& remove(size_t pos, size_t count) {
+        mText.erase(pos, count);
+        return *this;
+    }
     RWCString& replace(size_t pos, size_t count, char const* bytes, size_t length) {
         mText.replace(pos, count, bytes, length);
         return *this;
@@ -67,7 +97,7 @@ public:
     std::string const& stdString() const { return mText; }
     std::string& stdString() { return mText; }
 
-private:
+  private:
     std::string mText;
 };
 
@@ -80,12 +110,12 @@ inline bool operator!=(RWCString const& a, char const* b) { return !(a == b); }
 // Splits a string into tokens. Each call skips the delimiters in front of the next token and
 // yields the following run of non-delimiter characters; once nothing is left it yields "".
 class COLLOQUY_EXPORT RWCTokenizer {
-public:
+  public:
     explicit RWCTokenizer(RWCString const& text) : mText(text.view()) {}
     explicit RWCTokenizer(std::string const& text) : mText(text) {}
     RWCString operator()(char const* delimiters = " \t\n");
 
-private:
+  private:
     std::string_view mText;  // refers to the caller's string, which must outlive the tokenizer
     size_t mPos = 0;
 };

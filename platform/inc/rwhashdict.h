@@ -9,7 +9,7 @@
 // pointers: clear() forgets the pairs, clearAndDestroy() and removeAndDestroy() delete keys
 // and values.
 class COLLOQUY_EXPORT RWHashDictionary : public RWHashTable {
-public:
+  public:
     explicit RWHashDictionary(size_t buckets = DEFAULT_CAPACITY) : RWHashTable(buckets) {}
     RWHashDictionary(RWHashDictionary const& other) = default;  // shallow
     RWHashDictionary& operator=(RWHashDictionary const& other) = default;
@@ -69,17 +69,15 @@ public:
         return nullptr;
     }
     // Adds a pair whose key the caller knows is absent, with its precomputed hash.
-    void insertNewKeyAndValue(RWCollectable* key, RWCollectable* value, unsigned hash) {
-        addSlot(key, value, hash);
-    }
+    void insertNewKeyAndValue(RWCollectable* key, RWCollectable* value, unsigned hash) { addSlot(key, value, hash); }
 };
 
 class COLLOQUY_EXPORT RWHashDictionaryIterator : public RWHashTableIterator {
-public:
+  public:
     explicit RWHashDictionaryIterator(RWHashDictionary& dictionary) : RWHashTableIterator(dictionary) {}
     ~RWHashDictionaryIterator() override;
-    RWCollectable* value() const;                      // the current pair's value, or null
-    RWCollectable* value(RWCollectable* newValue);     // replaces it; returns the old value
+    RWCollectable* value() const;                   // the current pair's value, or null
+    RWCollectable* value(RWCollectable* newValue);  // replaces it; returns the old value
 };
 
 #endif

@@ -13,7 +13,7 @@
 // fills; removal leaves a marker, so removing through an iterator never moves other items.
 // Items are found through their own hash() and isEqual(); duplicates are allowed.
 class COLLOQUY_EXPORT RWHashTable : public RWCollection {
-public:
+  public:
     explicit RWHashTable(size_t buckets = DEFAULT_CAPACITY);
     RWHashTable(RWHashTable const& other);             // shallow: refers to the same objects
     RWHashTable& operator=(RWHashTable const& other);  // shallow
@@ -40,7 +40,7 @@ public:
         return i < 0 ? nullptr : mSlots[i].key;
     }
 
-protected:
+  protected:
     friend class RWHashTableIterator;
     friend class RWHashDictionaryIterator;
     enum : unsigned char { kEmpty = 0, kFull = 1, kRemoved = 2 };
@@ -115,7 +115,7 @@ protected:
     size_t mInitialCapacity;
     unsigned mShift = 32;
 
-private:
+  private:
     // The capacity the growth rule gives for `count` items, starting from `capacity`.
     static size_t capacityFor(size_t count, size_t capacity);
     void rehash(size_t newCapacity);
@@ -128,7 +128,7 @@ private:
 // Items may be removed through remove() during the walk; inserting into the table while
 // walking is not supported.
 class COLLOQUY_EXPORT RWHashTableIterator {
-public:
+  public:
     explicit RWHashTableIterator(RWHashTable& table) : mTable(&table) {}
     virtual ~RWHashTableIterator();
     virtual RWCollectable* operator()();
@@ -136,7 +136,7 @@ public:
     virtual RWCollectable* remove();     // removes the current item and returns it (not destroyed)
     virtual void reset() { mPos = kBefore; }
 
-protected:
+  protected:
     static constexpr size_t kBefore = ~static_cast<size_t>(0);
     bool atItem() const;
     RWHashTable* mTable;

@@ -10,13 +10,13 @@
 
 // Thrown for a position outside the sequence.
 class COLLOQUY_EXPORT RWBoundsErr : public std::out_of_range {
-public:
+  public:
     explicit RWBoundsErr(std::string const& what) : std::out_of_range(what) {}
     ~RWBoundsErr() override;
 };
 
 class COLLOQUY_EXPORT RWOrdered : public RWCollection {
-public:
+  public:
     explicit RWOrdered(size_t capacity = DEFAULT_CAPACITY);
     ~RWOrdered() override;  // forgets the items, destroys none
 
@@ -41,7 +41,7 @@ public:
     RWCollectable* first() const { return at(0); }
     RWCollectable* last() const { return mItems.empty() ? at(0) : mItems.back(); }
 
-private:
+  private:
     std::vector<RWCollectable*> mItems;
 };
 

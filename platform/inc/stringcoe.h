@@ -9,7 +9,7 @@
 
 // A byte string with an explicit length (NUL bytes allowed).
 class COLLOQUY_EXPORT cStringCoeImpl {
-public:
+  public:
     cStringCoeImpl() = default;
     cStringCoeImpl(char const* text) : mText(text ? text : "") {}
     cStringCoeImpl(char const* bytes, size_t length) : mText(bytes, length) {}
@@ -20,7 +20,7 @@ public:
     std::string_view view() const { return mText; }
     std::string const& stdString() const { return mText; }
 
-private:
+  private:
     std::string mText;
 };
 

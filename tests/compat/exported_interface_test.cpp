@@ -4,9 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cxxabi.h>
 #include <cstdarg>
 #include <cstdlib>
-#include <cxxabi.h>
 #include <map>
 #include <regex>
 #include <set>
@@ -30,10 +30,18 @@ std::string normalised(std::string name) {
 // Symbols the compiler emits for any C++ library: standard template instantiations, type
 // information, virtual tables, guards, thunks and sanitizer bookkeeping.
 bool isToolchainNoise(std::string const& name) {
-    static char const* const prefixes[] = {"typeinfo ", "vtable for ", "VTT for ", "construction vtable for ",
-                                           "guard variable for ", "non-virtual thunk to ", "virtual thunk to ",
-                                           "covariant return thunk to ", "transaction clone for ", "__odr_asan",
-                                           "__asan", "__ubsan"};
+    static char const* const prefixes[] = {"typeinfo ",
+                                           "vtable for ",
+                                           "VTT for ",
+                                           "construction vtable for ",
+                                           "guard variable for ",
+                                           "non-virtual thunk to ",
+                                           "virtual thunk to ",
+                                           "covariant return thunk to ",
+                                           "transaction clone for ",
+                                           "__odr_asan",
+                                           "__asan",
+                                           "__ubsan"};
     for (char const* prefix : prefixes)
         if (name.rfind(prefix, 0) == 0) return true;
     // A standard-library entity, possibly behind the return type of a template instantiation.

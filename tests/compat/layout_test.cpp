@@ -12,8 +12,8 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <type_traits>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 namespace {
@@ -28,11 +28,11 @@ struct Expose {
     friend constexpr typename Tag::type gMember(Tag) { return Pointer; }
 };
 
-#define COMPAT_MEMBER(Class, Type, name)                                   \
-    struct Class##_##name {                                                \
-        using type = MemberOf<Class, Type>;                                \
-        friend constexpr type gMember(Class##_##name);                     \
-    };                                                                     \
+#define COMPAT_MEMBER(Class, Type, name)               \
+    struct Class##_##name {                            \
+        using type = MemberOf<Class, Type>;            \
+        friend constexpr type gMember(Class##_##name); \
+    };                                                 \
     template struct Expose<Class##_##name, &Class::name>
 
 COMPAT_MEMBER(CAssociativeArray, RWCString, mLastText);
@@ -78,7 +78,7 @@ struct Mirrored {
 };
 
 #define COMPAT_MIRRORED(object, Mirror, name) \
-    Mirrored { #name, offsetIn(object, &std::remove_const_t<decltype(object)>::name), offsetof(Mirror, name) }
+    Mirrored { #name, offsetIn(object, &std::remove_const_t <decltype(object)>::name), offsetof(Mirror, name) }
 #define COMPAT_PLAIN(Class, Mirror, name) \
     Mirrored { #name, std::ptrdiff_t(offsetof(Class, name)), offsetof(Mirror, name) }
 
@@ -131,28 +131,22 @@ TEST(Layout, MessageRecordsMatchTheirDocumentedMirrors) {
 
     cColloquyMessage const message;
     EXPECT_EQ(sizeof(QType), sizeof(int));
-    expectMirrored("cColloquyMessage", sizeof(cColloquyMessage), sizeof(MessageMirror),
-                   {COMPAT_MIRRORED(message, MessageMirror, userValue),
-                    COMPAT_MIRRORED(message, MessageMirror, formatStamp),
-                    COMPAT_MIRRORED(message, MessageMirror, toHost),
-                    COMPAT_MIRRORED(message, MessageMirror, toName),
-                    COMPAT_MIRRORED(message, MessageMirror, fromHost),
-                    COMPAT_MIRRORED(message, MessageMirror, fromName),
-                    COMPAT_MIRRORED(message, MessageMirror, qType),
-                    COMPAT_MIRRORED(message, MessageMirror, messageType),
-                    COMPAT_MIRRORED(message, MessageMirror, messageSubType),
-                    COMPAT_MIRRORED(message, MessageMirror, body),
-                    COMPAT_MIRRORED(message, MessageMirror, bodyLen),
-                    COMPAT_MIRRORED(message, MessageMirror, packedBuffer),
-                    COMPAT_MIRRORED(message, MessageMirror, packedLen)});
+    expectMirrored(
+        "cColloquyMessage", sizeof(cColloquyMessage), sizeof(MessageMirror),
+        {COMPAT_MIRRORED(message, MessageMirror, userValue), COMPAT_MIRRORED(message, MessageMirror, formatStamp),
+         COMPAT_MIRRORED(message, MessageMirror, toHost), COMPAT_MIRRORED(message, MessageMirror, toName),
+         COMPAT_MIRRORED(message, MessageMirror, fromHost), COMPAT_MIRRORED(message, MessageMirror, fromName),
+         COMPAT_MIRRORED(message, MessageMirror, qType), COMPAT_MIRRORED(message, MessageMirror, messageType),
+         COMPAT_MIRRORED(message, MessageMirror, messageSubType), COMPAT_MIRRORED(message, MessageMirror, body),
+         COMPAT_MIRRORED(message, MessageMirror, bodyLen), COMPAT_MIRRORED(message, MessageMirror, packedBuffer),
+         COMPAT_MIRRORED(message, MessageMirror, packedLen)});
 
     // RWCollectable carries nothing but its virtual table pointer, so the typed message is exact too.
     cTypedMessageObject const typed(1, 2, nullptr, 0);
-    expectMirrored("cTypedMessageObject", sizeof(cTypedMessageObject), sizeof(TypedMessageMirror),
-                   {COMPAT_MIRRORED(typed, TypedMessageMirror, type),
-                    COMPAT_MIRRORED(typed, TypedMessageMirror, subType),
-                    COMPAT_MIRRORED(typed, TypedMessageMirror, data),
-                    COMPAT_MIRRORED(typed, TypedMessageMirror, length)});
+    expectMirrored(
+        "cTypedMessageObject", sizeof(cTypedMessageObject), sizeof(TypedMessageMirror),
+        {COMPAT_MIRRORED(typed, TypedMessageMirror, type), COMPAT_MIRRORED(typed, TypedMessageMirror, subType),
+         COMPAT_MIRRORED(typed, TypedMessageMirror, data), COMPAT_MIRRORED(typed, TypedMessageMirror, length)});
 }
 
 TEST(Layout, EventRegistryMembersFollowTheDocumentedOrder) {
@@ -182,9 +176,9 @@ TEST(Layout, EventRegistryMembersFollowTheDocumentedOrder) {
         int validFlag;
     };
     ValidateObject const validate;
-    expectMirrored("ValidateObject", sizeof(ValidateObject), sizeof(ValidateMirror),
-                   {{"validFlag", offsetIn(validate, gMember(ValidateObject_validFlag{})),
-                     offsetof(ValidateMirror, validFlag)}});
+    expectMirrored(
+        "ValidateObject", sizeof(ValidateObject), sizeof(ValidateMirror),
+        {{"validFlag", offsetIn(validate, gMember(ValidateObject_validFlag{})), offsetof(ValidateMirror, validFlag)}});
 }
 
 TEST(Layout, RecordArchiveAddressAndProcessGroupMembersFollowTheirBases) {

@@ -25,7 +25,7 @@ Line gKill(int line, char const* outcome, int pid) {
 }
 
 class ProcessGroupTest : public ::testing::Test {
-protected:
+  protected:
     Lines lines() const { return nTagScope::gLines(mCapture, "processgroupmanager"); }
 
     TagScope mExecution{"Execution", true};
@@ -140,7 +140,8 @@ TEST_F(ProcessGroupTest, KillThatTheKernelRefuses) {
         ProcessInfo info(victim);
         if (gKillProcess(info)) return 102;
         std::vector<nLog::cRecord> const& r = capture.records();
-        return r.size() == 1 && Line{r[0].tag, r[0].line, r[0].text} == gKill(58, "error cannot kill", victim) ? 0 : 103;
+        return r.size() == 1 && Line{r[0].tag, r[0].line, r[0].text} == gKill(58, "error cannot kill", victim) ? 0
+                                                                                                               : 103;
     });
     EXPECT_EQ(status, 0);
     EXPECT_TRUE(gAlive(victim));

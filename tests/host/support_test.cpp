@@ -12,16 +12,16 @@
 
 #include <gtest/gtest.h>
 
+#include <sched.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <optional>
-#include <sched.h>
 #include <string>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -35,7 +35,7 @@ using nTagScope::Line;
 using nTagScope::TagScope;
 
 class SupportTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         mRoot = gScratchDirectory("support_test");
         ASSERT_FALSE(mRoot.empty());
@@ -61,9 +61,10 @@ protected:
     void tools(std::array<int, 5> const& statuses) {
         char const* const names[] = {"ifconfig", "uname", "lscpu", "lsblk", "cat"};
         for (size_t i = 0; i < statuses.size(); ++i)
-            gWriteFile(mRoot + "/bin/" + names[i],
-                       "#!/bin/sh\necho \"" + std::string(names[i]) + ":$*\"\nexit " + std::to_string(statuses[i]) + "\n",
-                       0755);
+            gWriteFile(
+                mRoot + "/bin/" + names[i],
+                "#!/bin/sh\necho \"" + std::string(names[i]) + ":$*\"\nexit " + std::to_string(statuses[i]) + "\n",
+                0755);
     }
 
     std::string interfacePath() const { return mWork + "/IpConfig.txt"; }
@@ -87,14 +88,16 @@ protected:
 // files as far as they were written; any other answer counts as success.
 TEST_F(SupportTest, EachCommandAnsweringZeroStopsTheGathering) {
     std::string const all = "uname:-a\nlscpu:\nlsblk:\ncat:/proc/meminfo\n";
-    Line const gotInterface{"Warning", 499, "success to get ifconfig output with command: \t" + ifconfigCommand() +
-                                                "\t into file \t" + quoted(interfacePath())};
+    Line const gotInterface{"Warning", 499,
+                            "success to get ifconfig output with command: \t" + ifconfigCommand() + "\t into file \t" +
+                                quoted(interfacePath())};
     Line const doing{"Warning", 414, "doing GenerateLinuxInfo()"};
     auto const failed = [&](int line, char const* what, char const* prefix) {
-        return std::vector<Line>{gotInterface, doing,
-                                 {"Warning", line,
-                                  "failed to get " + std::string(what) + " output with command: \t" + prefix +
-                                      quoted(systemPath())}};
+        return std::vector<Line>{
+            gotInterface,
+            doing,
+            {"Warning", line,
+             "failed to get " + std::string(what) + " output with command: \t" + prefix + quoted(systemPath())}};
     };
     struct Row {
         std::array<int, 5> statuses;
@@ -102,11 +105,13 @@ TEST_F(SupportTest, EachCommandAnsweringZeroStopsTheGathering) {
         char const* systemFile;  // what is left of it, null when it is gone
     } const rows[] = {
         {{1, 2, 3, 4, 5},
-         {gotInterface, doing,
+         {gotInterface,
+          doing,
           {"Warning", 535,
            "grabbed linux info into files \t" + quoted(interfacePath()) + "\t and \t" + quoted(systemPath())}},
          nullptr},
-        {{0, 1, 1, 1, 1}, {{"Warning", 494, "failed to get ifconfig output with command: \t" + ifconfigCommand()}},
+        {{0, 1, 1, 1, 1},
+         {{"Warning", 494, "failed to get ifconfig output with command: \t" + ifconfigCommand()}},
          nullptr},
         {{1, 0, 1, 1, 1}, failed(421, "kernel", "uname -a >> "), "uname:-a\n"},
         {{1, 1, 1, 1, 0}, failed(450, "memory", "cat /proc/meminfo >> "), all.c_str()},
@@ -145,7 +150,8 @@ TEST_F(SupportTest, ShellMetacharactersInTheWorkingDirectoryRunNothing) {
         EXPECT_FALSE(gExists(mRoot + "/" + name)) << name;
     }
     // The command names the directory, escaped inside the quotes.
-    std::string const escaped = "\"" + mRoot + "/w\\$(touch pwned1)\\`touch pwned2\\`\\\"; touch pwned3; \\\"\\\\/IpConfig.txt\"";
+    std::string const escaped =
+        "\"" + mRoot + "/w\\$(touch pwned1)\\`touch pwned2\\`\\\"; touch pwned3; \\\"\\\\/IpConfig.txt\"";
     ASSERT_FALSE(lines().empty());
     EXPECT_EQ(lines()[0].text, "success to get ifconfig output with command: \tifconfig -a -v >> " + escaped +
                                    "\t into file \t" + escaped);
@@ -160,8 +166,8 @@ TEST_F(SupportTest, ShellMetacharactersInTheHostNameRunNothing) {
         if (sethostname(host.data(), host.size()) != 0) return 77;
         CAssociativeArray db(16);
         mGenerator.CreateInformationDB(db);
-        bool const read = std::string(db.GetValueOfParameter("$SYSTEMREPORT")) ==
-                          "uname:-a\nlscpu:\nlsblk:\ncat:/proc/meminfo\n";
+        bool const read =
+            std::string(db.GetValueOfParameter("$SYSTEMREPORT")) == "uname:-a\nlscpu:\nlsblk:\ncat:/proc/meminfo\n";
         bool const removed = !gExists(mWork + "/" + host + ".txt");
         bool const ranNothing = !gExists(mWork + "/pwned1") && !gExists(mWork + "/pwned2");
         return read && removed && ranNothing ? 0 : 1;
@@ -217,8 +223,9 @@ void gFill(CAssociativeArray& db, size_t count = 4) {
 }
 
 TEST_F(SupportTest, ReportSectionsInOrderAndWhereTheReportEnds) {
-    std::string const head = kRule + "Complete Report For Host: alpha\n" + kRule + kRule + "IP Configuration: " + kRule +
-                             "\neth0 up\n" + kRule + "System And Hardware Configuration: " + kRule + "\n";
+    std::string const head = kRule + "Complete Report For Host: alpha\n" + kRule + kRule +
+                             "IP Configuration: " + kRule + "\neth0 up\n" + kRule +
+                             "System And Hardware Configuration: " + kRule + "\n";
     std::string const configuration = kRule + "Vantage.ini File: " + kRule + "\na=1\n";
     std::string const product = kRule + "Vantage Product Information(qrcti.dll): " + kRule + "\nproduct 7.1";
     struct Row {

@@ -1,7 +1,7 @@
 // The string and collection classes: NUL safety, tokens, ownership (clear forgets, clearAndDestroy
 // deletes), replacement, removal while walking, growth, and bounds.
-#include "rwhashdict.h"
 #include "rwcstring.h"
+#include "rwhashdict.h"
 #include "rwhashtable.h"
 #include "rwordered.h"
 
@@ -33,7 +33,7 @@ auto keyIs(std::string const& key) {
 unsigned hashOf(std::string const& key) { return RWCString::hash(key.data(), key.size()); }
 
 class CollectionsTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { gDestroyed = 0; }
 };
 
@@ -157,7 +157,13 @@ TEST_F(CollectionsTest, PutValueIfAddsOrReplacesInOneProbe) {
     bool made = false;
     auto const put = [&](std::string const& key, RWCollectable* value) {
         made = false;
-        return d.putValueIf(hashOf(key), keyIs(key), value, [&] { made = true; return new Tracked(key); }, old);
+        return d.putValueIf(
+            hashOf(key), keyIs(key), value,
+            [&] {
+                made = true;
+                return new Tracked(key);
+            },
+            old);
     };
     auto* one = new Tracked("1");
     EXPECT_EQ(put("a", one), nullptr);  // added
@@ -176,8 +182,9 @@ TEST_F(CollectionsTest, PutValueIfAddsOrReplacesInOneProbe) {
     d.removeAndDestroy(&probeA);
     EXPECT_EQ(d.entries(), 0u);
     auto* three = new Tracked("3");
-    EXPECT_THROW(d.putValueIf(hashOf("a"), [](RWCollectable const*) { return true; }, three,
-                              []() -> RWCollectable* { throw std::bad_alloc(); }, old),
+    EXPECT_THROW(d.putValueIf(
+                     hashOf("a"), [](RWCollectable const*) { return true; }, three,
+                     []() -> RWCollectable* { throw std::bad_alloc(); }, old),
                  std::bad_alloc);
     EXPECT_EQ(d.entries(), 0u);
     EXPECT_EQ(put("a", three), nullptr);

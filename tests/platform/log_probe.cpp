@@ -5,9 +5,8 @@
 #include <cstdio>
 
 int main() {
-    nLog::cTag const* tags[] = {&nLog::nBasic::sErrorTag_, &nLog::nBasic::sWarningTag_,
-                                &nLog::nBasic::sTraceTag_, &nLog::nBasic::sExecutionTag_,
-                                &nColloquy::sTraceTag_};
+    nLog::cTag const* tags[] = {&nLog::nBasic::sErrorTag_, &nLog::nBasic::sWarningTag_, &nLog::nBasic::sTraceTag_,
+                                &nLog::nBasic::sExecutionTag_, &nColloquy::sTraceTag_};
     for (nLog::cTag const* tag : tags) {
         COLLOQUY_LOG_AT(*tag, "probe", 7, "probe", tag->name());
         if (tag->enabled()) std::printf("%s ", tag->name());

@@ -6,11 +6,11 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <thread>
-#include <unistd.h>
 
 namespace {
 
@@ -100,8 +100,8 @@ TEST(Log, CapturesSeeRecordsOfOtherThreads) {
 // Runs the probe program with the given environment, its log going to `logFile`; returns its
 // standard output.
 std::string runProbe(std::string const& environment, std::string const& logFile) {
-    std::string const command = "env -u COLLOQUY_LOG -u COLLOQUY_LOG_FILE " + environment +
-                                " COLLOQUY_LOG_FILE='" + logFile + "' " + LOG_PROBE_PATH;
+    std::string const command = "env -u COLLOQUY_LOG -u COLLOQUY_LOG_FILE " + environment + " COLLOQUY_LOG_FILE='" +
+                                logFile + "' " + LOG_PROBE_PATH;
     FILE* pipe = ::popen(command.c_str(), "r");
     if (!pipe) return "popen failed";
     std::string out;

@@ -17,7 +17,7 @@ int gClientsDestroyed = 0;
 // Equal to another KeyedEvent with the same key; only events with a client (not lookup
 // probes) count their destruction.
 class KeyedEvent : public BaseEvent {
-public:
+  public:
     KeyedEvent(int key, ClientObj* client, int index) : BaseEvent(0, client, index), mKey(key) {}
     ~KeyedEvent() override { gEventsDestroyed += eventClient != nullptr; }
     RWClassID isA() const override { return 0x4711; }
@@ -26,23 +26,29 @@ public:
         return other->isA() == isA() && static_cast<KeyedEvent const*>(other)->mKey == mKey;
     }
 
-private:
+  private:
     int mKey;
 };
 
 // An event with BaseEvent's identity (equal to nothing) that counts its destruction.
 class AnonymousEvent : public BaseEvent {
-public:
+  public:
     using BaseEvent::BaseEvent;
     ~AnonymousEvent() override { ++gEventsDestroyed; }
 };
 
 // A client whose handlers record the events they get and answer 1 (keep) or 0 (finished).
 class TestClient : public ClientObj {
-public:
+  public:
     ~TestClient() override { ++gClientsDestroyed; }
-    int keep(BaseEvent& event) { seen.push_back(&event); return 1; }
-    int finish(BaseEvent& event) { seen.push_back(&event); return 0; }
+    int keep(BaseEvent& event) {
+        seen.push_back(&event);
+        return 1;
+    }
+    int finish(BaseEvent& event) {
+        seen.push_back(&event);
+        return 0;
+    }
     int keepIndex() { return signOn(static_cast<ClientHandler>(&TestClient::keep)); }
     int finishIndex() { return signOn(static_cast<ClientHandler>(&TestClient::finish)); }
     // Lets a test put the counters out of step, a state no public operation brings about.
@@ -54,7 +60,7 @@ public:
 };
 
 class TestServer : public ServerObj {
-public:
+  public:
     TestServer() : ServerObj(16) {}
     size_t entries() const { return eventTable->entries(); }
     void dropTable() { eventTable.reset(); }
@@ -66,7 +72,7 @@ struct ErrorRecords : nTagScope::ErrorRecords {
 };
 
 class RegistryTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { gEventsDestroyed = gClientsDestroyed = 0; }
 };
 

@@ -6,7 +6,7 @@
 #include <string>
 
 class EnvScope {
-public:
+  public:
     EnvScope(char const* name, char const* value) : mName(name) {
         if (char const* old = std::getenv(name)) mOld = old, mHad = true;
         value ? setenv(name, value, 1) : unsetenv(name);
@@ -15,7 +15,7 @@ public:
     EnvScope(EnvScope const&) = delete;
     EnvScope& operator=(EnvScope const&) = delete;
 
-private:
+  private:
     char const* mName;
     std::string mOld;
     bool mHad = false;

@@ -14,13 +14,13 @@
 
 // Switches a log tag for one scope and restores its previous state.
 class TagScope {
-public:
+  public:
     TagScope(char const* tag, bool on) : mTag(tag), mWas(nLog::gIsEnabled(tag)) { nLog::gEnable(tag, on); }
     ~TagScope() { nLog::gEnable(mTag, mWas); }
     TagScope(TagScope const&) = delete;
     TagScope& operator=(TagScope const&) = delete;
 
-private:
+  private:
     char const* mTag;
     bool mWas;
 };
@@ -54,7 +54,7 @@ inline std::vector<Line> gLines(nLog::cCapture const& capture, std::string const
 
 // Switches the Error tag for one scope and captures the records written meanwhile.
 class ErrorRecords {
-public:
+  public:
     explicit ErrorRecords(bool on = true) : mTag("Error", on) {}
     // Number of Error records written from the library's source `module`.
     std::size_t count(std::string const& module) const {
@@ -67,7 +67,7 @@ public:
     std::vector<nLog::cRecord> const& records() const { return mCapture.records(); }
     void clear() { mCapture.clear(); }
 
-private:
+  private:
     TagScope mTag;
     nLog::cCapture mCapture;
 };

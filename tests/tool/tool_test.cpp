@@ -3,11 +3,11 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
 #include <csignal>
 #include <cstdio>
 #include <string>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -23,7 +23,7 @@ std::string gContents(FILE* file) { return gReadFile("/proc/self/fd/" + std::to_
 // The tool as a child process reading `input` and writing into temporary files; an alarm set
 // before exec ends it should it hang.
 class Tool {
-public:
+  public:
     explicit Tool(std::vector<std::string> args, std::string const& input = "") {
         FILE* const in = std::tmpfile();
         std::fwrite(input.data(), 1, input.size(), in);
@@ -69,7 +69,7 @@ public:
         return {code, gContents(mOut), gContents(mErr).substr(mAnnounced)};
     }
 
-private:
+  private:
     FILE* mOut = std::tmpfile();
     FILE* mErr = std::tmpfile();
     pid_t mPid = -1;
@@ -109,8 +109,9 @@ TEST(Tool, EncodeThenDecodeKeepsEveryByte) {
 }
 
 TEST(Tool, PackUnpackAndConvert) {
-    Result const packed = tool({"pack", "--to", "svc@hostB", "--from", "agent@hostA", "--qtype", "3", "--user-value", "7"},
-                               tool({"encode", "k=v"}).out);
+    Result const packed =
+        tool({"pack", "--to", "svc@hostB", "--from", "agent@hostA", "--qtype", "3", "--user-value", "7"},
+             tool({"encode", "k=v"}).out);
     ASSERT_EQ(packed.status, 0) << packed.err;
     Result const shown = tool({"unpack"}, packed.out);
     ASSERT_EQ(shown.status, 0) << shown.err;

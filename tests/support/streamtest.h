@@ -1,0 +1,160 @@
+// Helpers of the stream tests: a raw POSIX peer, connected pairs, received messages, bounded
+// waits and a watchdog.
+#ifndef COLLOQUY_STREAMTEST_H
+#define COLLOQUY_STREAMTEST_H
+
+#include "Log.h"
+#include "nsocket.h"
+#include "streamsocket.h"
+#include "tagscope.h"
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace nStreamTest {
+
+namespace nSock = nCommunication::nSocket;
+
+// Every wait of the tests is bounded by this (a fault shows as a failure, not a hang).
+inline constexpr nTime::cDiff kPatience = nTime::cDiff::fromSeconds(10);
+
+// Options whose waits (accept, receive without latency configuration) end after `limit`.
+inline nSock::cSocketOptions boundedOptions(nTime::cDiff limit = kPatience) {
+    nSock::cSocketOptions options;
+    options.receiveTimeout = limit;
+    return options;
+}
+
+// The latency configuration of the tests: kPatience for every receive.
+inline nSock::iLatencyConfiguration* patience() {
+    static nSock::cFixedLatencyConfiguration latency(kPatience);
+    return &latency;
+}
+
+using Bytes = std::vector<unsigned char>;
+
+inline Bytes bytesOf(std::string const& text) { return Bytes(text.begin(), text.end()); }
+
+// A descriptor of the raw peer, closed at the end of its scope.
+class RawFd {
+  public:
+    explicit RawFd(int fd = -1) : mFd(fd) {}
+    ~RawFd() { reset(); }
+    RawFd(RawFd const&) = delete;
+    RawFd& operator=(RawFd const&) = delete;
+    int get() const { return mFd; }
+    void reset(int fd = -1) {
+        if (mFd >= 0) ::close(mFd);
+        mFd = fd;
+    }
+    // Closes with a reset (RST) instead of an orderly end.
+    void abort() {
+        linger l{1, 0};
+        ::setsockopt(mFd, SOL_SOCKET, SO_LINGER, &l, sizeof l);
+        reset();
+    }
+
+  private:
+    int mFd;
+};
+
+// True when `fd` becomes readable within kPatience.
+inline bool readable(int fd) {
+    pollfd p{fd, POLLIN, 0};
+    return ::poll(&p, 1, static_cast<int>(kPatience.milliseconds())) == 1;
+}
+
+inline void rawSend(RawFd const& fd, Bytes const& bytes) {
+    ASSERT_EQ(::send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+}
+
+// Reads exactly `count` bytes within kPatience; fewer when the peer ends the stream first.
+inline Bytes rawReceive(RawFd const& fd, size_t count) {
+    Bytes out(count);
+    size_t done = 0;
+    while (done < count && readable(fd.get())) {
+        ssize_t const n = ::recv(fd.get(), out.data() + done, count - done, 0);
+        if (n <= 0) break;
+        done += static_cast<size_t>(n);
+    }
+    out.resize(done);
+    return out;
+}
+
+// A StreamSocket connected to a raw POSIX peer through a raw loopback listener.
+struct RawPeerPair {
+    explicit RawPeerPair(nSock::cSocketOptions options = boundedOptions()) {
+        RawFd listener(::socket(AF_INET, SOCK_STREAM, 0));
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        if (::bind(listener.get(), reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+            ::listen(listener.get(), 1) != 0 ||
+            ::getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0)
+            ADD_FAILURE() << "raw listener";
+        socket.ConnectLocal(ntohs(address.sin_port), options);
+        if (!readable(listener.get())) ADD_FAILURE() << "raw accept timed out";
+        peer.reset(::accept(listener.get(), nullptr, nullptr));
+    }
+    StreamSocket socket;
+    RawFd peer;
+};
+
+// Two StreamSockets connected through a listener of the library.
+struct StreamPair {
+    StreamPair() {
+        listener.CreateListenerSocket(0);
+        client.ConnectLocal(nSock::gLocalPort(listener.GetHandle()), boundedOptions());
+        server = std::make_unique<StreamSocket>(listener.Accept(boundedOptions()));
+    }
+    StreamSocket listener;
+    StreamSocket client;
+    std::unique_ptr<StreamSocket> server;
+};
+
+// One message received with WaitTypedMessageZ1. The outputs start with marker values (and
+// `data` at a sentinel) so that an untouched output shows; a body is released at the end.
+struct Received {
+    explicit Received(StreamSocket& socket, nSock::iLatencyConfiguration* latency = patience())
+        : ok(socket.WaitTypedMessageZ1(type, subType, data, length, latency)) {}
+    ~Received() {
+        if (ok && length > 0) StreamSocket::FreeMessage(data);
+    }
+    Received(Received const&) = delete;
+    Received& operator=(Received const&) = delete;
+    std::string body() const { return ok && length > 0 ? std::string(data, static_cast<size_t>(length)) : ""; }
+    bool untouched() const { return type == 111 && subType == 222 && data == sentinel() && length == 333; }
+    static char* sentinel() {
+        static char marker[1];
+        return marker;
+    }
+
+    short type = 111;
+    short subType = 222;
+    char* data = sentinel();
+    int length = 333;
+    bool const ok;
+};
+
+// Ends the process (SIGALRM) when a test runs longer than its bound: a hang would otherwise
+// only be caught by the test driver's time-out.
+struct Watchdog {
+    explicit Watchdog(std::chrono::seconds bound) { ::alarm(static_cast<unsigned>(bound.count())); }
+    ~Watchdog() { ::alarm(0); }
+};
+
+}  // namespace nStreamTest
+
+#endif

@@ -95,7 +95,8 @@ std::string unescapeBytes(std::string_view text) {
             out.push_back(static_cast<char>(hexValue(text[i + 2]) * 16 + hexValue(text[i + 3])));
             i += 3;
         } else {
-            throw UsageError("bad escape in '" + escapeBytes(text) + "': use \\xNN or \\\\");
+            throw UsageError("bad escape in '" + std::string(text) +
+                             "': a backslash starts either x and two hex digits or a second backslash");
         }
     }
     return out;
@@ -147,7 +148,7 @@ std::string jsonString(std::string_view bytes) {
 
 std::pair<std::string, std::string> parsePair(std::string const& text) {
     size_t const eq = text.find('=');
-    if (eq == std::string::npos) throw UsageError("expected key=value, got '" + escapeBytes(text) + "'");
+    if (eq == std::string::npos) throw UsageError("expected key=value, got '" + text + "'");
     std::string key = unescapeBytes(std::string_view(text).substr(0, eq));
     if (key.find('\0') != std::string::npos) throw UsageError("a key cannot hold a NUL byte");
     return {std::move(key), unescapeBytes(std::string_view(text).substr(eq + 1))};

@@ -33,21 +33,78 @@ Pairs pairsOf(CAssociativeArray& record) {
     return pairs;
 }
 
-bool tryReadTextForm(std::string_view text, Pairs& pairs) {
-    CAssociativeArray record(64);
-    try {
-        record.FromString(text.data(), static_cast<int>(text.size()));
-    } catch (CIllegalAssoSyntaxException const&) {
-        return false;
+namespace {
+
+// One decimal number ended by a blank at `at`, written as the writer writes it ("%d": no sign,
+// no leading zero); moves `at` past the blank. False when the bytes there are not one.
+bool plainNumber(std::string_view text, size_t& at, long long& value) {
+    size_t const blank = text.find(' ', at);
+    if (blank == std::string_view::npos || blank == at || blank - at > 10) return false;
+    if (text[at] == '0' && blank - at > 1) return false;
+    value = 0;
+    for (size_t i = at; i < blank; ++i) {
+        if (text[i] < '0' || text[i] > '9') return false;
+        value = value * 10 + (text[i] - '0');
     }
-    pairs = pairsOf(record);
-    return true;
+    at = blank + 1;
+    return value <= 0x7fffffff;
+}
+
+// What keeps `text` from being exactly one text form as the writer writes it: a count of at
+// least 1, then each key and value behind a " '%d " length prefix, then at most one blank and
+// nothing more. Empty when it is one; `count` is then its count.
+std::string textFormProblem(std::string_view text, long long& count) {
+    size_t at = 0;
+    if (!plainNumber(text, at, count)) return "it does not start with a count and a blank";
+    // The writer gives a record without pairs as a lone blank, which does not read back: a
+    // count of 0 comes from no writer.
+    if (count == 0) return "its count is 0";
+    for (long long piece = 0; piece < 2 * count; ++piece) {
+        auto which = [&] { return (piece % 2 ? "value " : "key ") + std::to_string(piece / 2 + 1); };
+        long long length = 0;
+        if (at >= text.size() || text[at] != '\'' || !plainNumber(text, ++at, length))
+            return which() + " has no length prefix at byte " + std::to_string(at);
+        if (static_cast<unsigned long long>(length) > text.size() - at)
+            return which() + " runs past the end of the input";
+        if (piece % 2 == 0 && text.substr(at, static_cast<size_t>(length)).find('\0') != std::string_view::npos)
+            return which() + " holds a NUL byte";
+        at += static_cast<size_t>(length);
+        // A blank follows every piece: before the next length prefix, and once at the very end,
+        // where a hub key dump leaves it out.
+        bool const last = piece + 1 == 2 * count;
+        if (last && at == text.size()) return "";
+        if (at >= text.size() || text[at] != ' ') return which() + " is not followed by a blank";
+        ++at;
+    }
+    if (at != text.size()) return std::to_string(text.size() - at) + " bytes follow the last pair";
+    return "";
+}
+
+}  // namespace
+
+bool tryReadTextForm(std::string_view text, Pairs& pairs, std::string* problem) {
+    long long count = 0;
+    std::string why = text.size() > 0x7fffffff ? "it is too large" : textFormProblem(text, count);
+    if (why.empty()) {
+        CAssociativeArray record(64);
+        try {
+            record.FromString(text.data(), static_cast<int>(text.size()));
+            pairs = pairsOf(record);
+            if (static_cast<long long>(pairs.size()) != count)
+                why = std::to_string(count - static_cast<long long>(pairs.size())) + " pair(s) repeat an earlier key";
+        } catch (CIllegalAssoSyntaxException const&) {
+            why = "the reader refused it";
+        }
+    }
+    if (problem) *problem = why;
+    return why.empty();
 }
 
 Pairs readTextForm(std::string_view text) {
     Pairs pairs;
-    if (text.size() > 0x7fffffff || !tryReadTextForm(text, pairs))
-        throw Failure("input is not a well-formed text form (" + std::to_string(text.size()) + " bytes)");
+    std::string problem;
+    if (!tryReadTextForm(text, pairs, &problem))
+        throw Failure("input is not one text form (" + std::to_string(text.size()) + " bytes): " + problem);
     return pairs;
 }
 
@@ -91,7 +148,7 @@ std::string hubDumpOf(std::string const& from, Pairs const& pairs) {
     std::vector<char const*> v;
     for (auto const& [key, value] : pairs) {
         if (value.find('\0') != std::string::npos)
-            throw UsageError("a hub dump cannot carry NUL bytes (key '" + escapeBytes(key) + "')");
+            throw UsageError("a hub dump cannot carry NUL bytes (key '" + key + "')");
         v.push_back(key.c_str());
         v.push_back(value.c_str());
     }
@@ -129,6 +186,7 @@ int cmdConvert(Words const& words) {
     Args const args(words, {"--from", "--to"}, {});
     auto from = args.option("--from"), to = args.option("--to");
     if (!from || !to) throw UsageError("convert needs --from CP and --to CP");
+    if (!args.positional().empty()) throw UsageError("convert reads standard input and takes only --from and --to");
     auto const fromCp = static_cast<unsigned>(parseNumber(*from, 0, 0xffffffffLL, "--from"));
     auto const toCp = static_cast<unsigned>(parseNumber(*to, 0, 0xffffffffLL, "--to"));
     // An unknown code page makes every conversion report size 0.

@@ -51,6 +51,14 @@ void printHelp(std::FILE* out) {
                  "\nexit status: 0 success, 1 failure, 2 usage error; `colloquy COMMAND --help` for one command\n");
 }
 
+// One error line: the bytes of `what` escaped (arguments and peers' bytes may hold anything,
+// line ends included), cut short when long.
+void printError(char const* command, std::string const& what) {
+    std::string text = colloquy::escapeBytes(what);
+    if (text.size() > 300) text = text.substr(0, 300) + "...";
+    std::fprintf(stderr, "colloquy%s%s: %s\n", *command ? " " : "", command, text.c_str());
+}
+
 bool wantsHelp(colloquy::Words const& words) {
     for (auto const& w : words)
         if (w == "--help" || w == "-h") return true;
@@ -80,16 +88,14 @@ int main(int argc, char** argv) {
         try {
             return c.run(words);
         } catch (colloquy::UsageError const& e) {
-            std::fprintf(stderr, "colloquy %s: %s\n", c.name, e.what());
+            printError(c.name, e.what());
             return 2;
         } catch (std::exception const& e) {
             // Failures of the command itself and the library's own exceptions alike: one line.
-            std::string text = colloquy::escapeBytes(e.what());
-            if (text.size() > 300) text = text.substr(0, 300) + "...";
-            std::fprintf(stderr, "colloquy %s: %s\n", c.name, text.c_str());
+            printError(c.name, e.what());
             return 1;
         }
     }
-    std::fprintf(stderr, "colloquy: unknown command '%s' (colloquy --help lists them)\n", argv[1]);
+    printError("", std::string("unknown command '") + argv[1] + "' (colloquy --help lists them)");
     return 2;
 }

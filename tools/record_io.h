@@ -18,8 +18,9 @@ using Pairs = std::vector<std::pair<std::string, std::string>>;
 std::string textFormOf(Pairs const& pairs);
 // The pairs of a text form, sorted by key; throws Failure when the text does not read.
 Pairs readTextForm(std::string_view text);
-// True when `text` reads as a text form (then `pairs` holds its pairs).
-bool tryReadTextForm(std::string_view text, Pairs& pairs);
+// True when `text` is exactly one text form, as the writer writes it, with nothing after it
+// (then `pairs` holds its pairs); otherwise `problem`, when given, says what is wrong.
+bool tryReadTextForm(std::string_view text, Pairs& pairs, std::string* problem = nullptr);
 // The pairs of a record, sorted by key.
 Pairs pairsOf(CAssociativeArray& record);
 // "key<TAB>value" lines with escapes, each line prefixed by `indent`.

@@ -72,6 +72,24 @@ std::string escapeBytes(std::string_view bytes) {
     return out;
 }
 
+std::string hexBytes(void const* data, size_t n) {
+    static char const kHex[] = "0123456789abcdef";
+    std::string out;
+    auto const* p = static_cast<unsigned char const*>(data);
+    for (size_t i = 0; i < n; ++i) {
+        if (i) out.push_back(' ');
+        out.push_back(kHex[p[i] >> 4]);
+        out.push_back(kHex[p[i] & 15]);
+    }
+    return out;
+}
+
+std::string errorLine(std::string const& command, std::string_view what) {
+    std::string text = escapeBytes(what);
+    if (text.size() > 300) text = text.substr(0, 300) + "...";
+    return "colloquy" + (command.empty() ? "" : " " + command) + ": " + text + "\n";
+}
+
 namespace {
 int hexValue(char c) {
     if (c >= '0' && c <= '9') return c - '0';

@@ -45,11 +45,18 @@ long long parseNumber(std::string const& text, long long min, long long max, std
 
 // Bytes as text: printable ASCII stays, a backslash and every other byte become \xNN.
 std::string escapeBytes(std::string_view bytes);
+// Bytes as two hex digits each, separated by blanks ("00 01 ff").
+std::string hexBytes(void const* data, size_t n);
 // The reverse: \xNN (two hex digits) and \\ are decoded; any other backslash is an error.
 std::string unescapeBytes(std::string_view text);
 // A JSON string literal: well-formed UTF-8 is kept, any other byte outside printable ASCII is
 // written as \u00NN (one per byte).
 std::string jsonString(std::string_view bytes);
+
+// The tool's error line for `command` ("colloquy COMMAND: WHAT", "colloquy: WHAT" without a
+// command): the bytes of `what` escaped, so that whatever arguments or peers put in it, it is one
+// line of printable text; cut short when long.
+std::string errorLine(std::string const& command, std::string_view what);
 
 // One key=value pair (the key ends at the first '='), escapes decoded.
 std::pair<std::string, std::string> parsePair(std::string const& text);

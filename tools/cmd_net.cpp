@@ -1,4 +1,4 @@
-// send, listen, bench and demo: typed messages over the stream transport.
+// send, bench and demo: typed messages over the stream transport.
 #include "commands.h"
 #include "message_io.h"
 #include "msghdr.h"
@@ -22,45 +22,8 @@ namespace nSock = nCommunication::nSocket;
 
 namespace {
 
-constexpr long long kDefaultMaxSize = 64LL << 20;  // what listen accepts in one message by default
-
-std::string hexBytes(void const* data, size_t n) {
-    static char const kHex[] = "0123456789abcdef";
-    std::string out;
-    auto const* p = static_cast<unsigned char const*>(data);
-    for (size_t i = 0; i < n; ++i) {
-        if (i) out.push_back(' ');
-        out.push_back(kHex[p[i] >> 4]);
-        out.push_back(kHex[p[i] & 15]);
-    }
-    return out;
-}
-
 unsigned short portArgument(std::string const& text) {
     return static_cast<unsigned short>(parseNumber(text, 0, 65535, "PORT"));
-}
-
-// One received typed message.
-struct Received {
-    c_MessageHeader header;
-    short type = 0, subType = 0;
-    std::string body;
-};
-
-// Reads one message with the library's header and body reads, refusing bodies over `maxSize`
-// before allocating them. Returns false when the peer closed the connection.
-bool receiveBounded(StreamSocket& socket, long long maxSize, Received& out, nSock::iLatencyConfiguration* latency) {
-    int const length = socket.GetMessageHeaderZ1(&out.header, latency);
-    if (length < 0) return false;
-    if (length > maxSize)
-        throw Failure("peer sent a " + std::to_string(length) + "-byte message, over --max-size " +
-                      std::to_string(maxSize));
-    out.type = static_cast<short>(ntohs(static_cast<uint16_t>(out.header.messageType)));
-    out.subType = static_cast<short>(ntohs(static_cast<uint16_t>(out.header.messageSubType)));
-    out.body.resize(static_cast<size_t>(length));
-    if (length > 0 && !socket.ReadDataZ1(length, out.body.data(), true, latency))
-        throw Failure("connection lost inside a " + std::to_string(length) + "-byte body");
-    return true;
 }
 
 // The body send carries: the pairs' text form or the --raw file, in an envelope when asked.
@@ -102,39 +65,6 @@ int cmdSend(Words const& words) {
         if (!socket.SendTypedMessageZ2(type, subType, body.data(), static_cast<int>(body.size())))
             throw Failure("send failed after " + std::to_string(i) + " messages");
     std::fprintf(stderr, "sent %lld message(s) of %zu bytes to %s:%u\n", count, body.size(), host.c_str(), port);
-    return 0;
-}
-
-int cmdListen(Words const& words) {
-    Args const args(words, {"--count", "--max-size"}, {"--json"});
-    if (args.positional().size() != 1) throw UsageError("listen needs PORT");
-    unsigned short const port = portArgument(args.positional()[0]);
-    long long const count = args.number("--count", 0, 0, 1LL << 40);  // 0: until interrupted
-    long long const maxSize = args.number("--max-size", kDefaultMaxSize, 0, 0x7fffffff);
-    bool const json = args.flag("--json");
-
-    StreamSocket listener;
-    listener.CreateListenerSocket(port);
-    std::fprintf(stderr, "listening on port %u\n", nSock::gLocalPort(listener.GetHandle()));
-    long long seen = 0;
-    while (count == 0 || seen < count) {
-        StreamSocket connection(listener.Accept(nSock::cSocketOptions()));
-        Received m;
-        while ((count == 0 || seen < count) && receiveBounded(connection, maxSize, m, nullptr)) {
-            ++seen;
-            if (json) {
-                writeAll(stdout,
-                         "{\"n\":" + std::to_string(seen) + ",\"length\":" + std::to_string(m.body.size()) +
-                             ",\"type\":" + std::to_string(m.type) + ",\"subType\":" + std::to_string(m.subType) +
-                             ",\"header\":" + jsonString(hexBytes(&m.header, 8)) + describeBodyJson(m.body) + "}\n");
-            } else {
-                writeAll(stdout, "message " + std::to_string(seen) + ": " + std::to_string(m.body.size()) +
-                                     " bytes, type " + std::to_string(m.type) + ", subtype " +
-                                     std::to_string(m.subType) + "\n  header: " + hexBytes(&m.header, 8) + "\n" +
-                                     describeBody(m.body, "  "));
-            }
-        }
-    }
     return 0;
 }
 

@@ -35,8 +35,12 @@ Command const kCommands[] = {
      "send HOST PORT --type T --subtype S [--to NAME@HOST --from NAME@HOST [--qtype N]\n"
      "      [--user-value N]] [key=value ...|--raw FILE] [--count N]",
      "connect and send typed messages (a record's text form, optionally in an envelope)"},
-    {"listen", colloquy::cmdListen, "listen PORT [--count N] [--json] [--max-size BYTES]",
-     "accept connections and print each message as it arrives (PORT 0 picks a free port)"},
+    {"listen", colloquy::cmdListen,
+     "listen PORT [--count N] [--json] [--max-size BYTES] [--timeout SECONDS]\n"
+     "      [--max-connections N]",
+     "serve every connection at once and print each message as it arrives (PORT 0 picks a free\n"
+     "      port); a connection that goes bad (over --max-size, closed or reset inside a message,\n"
+     "      silent for --timeout inside a message) is reported in one line and dropped"},
     {"convert", colloquy::cmdConvert, "convert --from CP --to CP",
      "convert a text form on standard input between code pages (e.g. 1252 to 65001)"},
     {"report", colloquy::cmdReport, "report [--output FILE]", "write the host's support report"},
@@ -51,12 +55,8 @@ void printHelp(std::FILE* out) {
                  "\nexit status: 0 success, 1 failure, 2 usage error; `colloquy COMMAND --help` for one command\n");
 }
 
-// One error line: the bytes of `what` escaped (arguments and peers' bytes may hold anything,
-// line ends included), cut short when long.
-void printError(char const* command, std::string const& what) {
-    std::string text = colloquy::escapeBytes(what);
-    if (text.size() > 300) text = text.substr(0, 300) + "...";
-    std::fprintf(stderr, "colloquy%s%s: %s\n", *command ? " " : "", command, text.c_str());
+void printError(std::string const& command, std::string const& what) {
+    std::fputs(colloquy::errorLine(command, what).c_str(), stderr);
 }
 
 bool wantsHelp(colloquy::Words const& words) {

@@ -1,12 +1,17 @@
 // The colloquy tool end to end: real processes, files on its standard streams, loopback sockets.
 #include "files.h"
+#include "msghdr.h"
+#include "streamtest.h"
 
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
 #include <unistd.h>
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <map>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -61,6 +66,14 @@ class Tool {
         ADD_FAILURE() << "no port announced: " << err;
         return "";
     }
+    // Waits a bounded while for `text` on standard output (or standard error); true when it came.
+    bool awaits(std::string const& text, bool onError = false) {
+        for (int i = 0; i < 1000; ++i) {
+            if (gContents(onError ? mErr : mOut).find(text) != std::string::npos) return true;
+            usleep(10 * 1000);
+        }
+        return false;
+    }
     // Waits for the end; standard error without the line port() has read.
     Result finish() {
         int status = 0;
@@ -80,12 +93,41 @@ Result tool(std::vector<std::string> args, std::string const& input = "") {
     return Tool(std::move(args), input).finish();
 }
 
+// Every line of `err` names the tool and holds printable ASCII only.
+void expectErrorLines(std::string const& err) {
+    EXPECT_TRUE(err.empty() || err.back() == '\n') << err;
+    for (size_t start = 0, end; start < err.size(); start = end + 1) {
+        end = err.find('\n', start);
+        std::string const line = err.substr(start, end - start);
+        EXPECT_EQ(line.rfind("colloquy", 0), 0u) << line;
+        for (unsigned char c : line) EXPECT_TRUE(c >= 0x20 && c < 0x7f) << "byte " << int(c) << " in " << line;
+    }
+}
+
 // A failure is the given status and exactly one line on standard error, naming the tool.
 void expectOneLineFailure(Result const& r, int status) {
     EXPECT_EQ(r.status, status) << r.err;
     ASSERT_FALSE(r.err.empty());
     EXPECT_EQ(r.err.find('\n'), r.err.size() - 1) << r.err;
-    EXPECT_EQ(r.err.rfind("colloquy", 0), 0u) << r.err;
+    expectErrorLines(r.err);
+}
+
+// A raw loopback connection to a listener, for peers that misbehave.
+int connectTo(std::string const& port) {
+    int const fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<uint16_t>(std::stoi(port)));
+    EXPECT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0) << port;
+    return fd;
+}
+
+// The 8 header bytes of a message, `length` stored as its low 32 bits.
+std::string header(long length, short type = 1, short subType = 2) {
+    c_MessageHeader h;
+    SSMMakeMessageHeader(length, type, subType, &h);
+    return std::string(reinterpret_cast<char const*>(&h), sizeof h);
 }
 
 TEST(Tool, EncodeThenDecodeKeepsEveryByte) {
@@ -118,6 +160,11 @@ TEST(Tool, PackUnpackAndConvert) {
     EXPECT_EQ(shown.out,
               "to: svc@hostB\nfrom: agent@hostA\nqtype: 3\nuser value: 7\nformat: 352\nbody: 12 bytes\n"
               "pairs: 1\n  k\tv\n");
+    // A body with bytes after its text form shows no pairs.
+    Result const junk =
+        tool({"unpack"}, tool({"pack", "--to", "svc@hostB", "--from", "agent@hostA"}, "1 '1 k '1 v x").out);
+    ASSERT_EQ(junk.status, 0) << junk.err;
+    EXPECT_EQ(junk.out.find("pairs:"), std::string::npos) << junk.out;
     // Converting recomputes the lengths.
     Result const converted = tool({"convert", "--from", "1252", "--to", "65001"}, "1 '1 k '1 \xe9 ");
     ASSERT_EQ(converted.status, 0) << converted.err;
@@ -134,13 +181,95 @@ TEST(Tool, SendInOneProcessListenInAnother) {
     for (char const* part : {"{\"n\":1,", "{\"n\":2,", "\"type\":7,\"subType\":-1", "\"from\":\"agent@a\"",
                              "\"pairs\":{\"city\":\"Z\xc3\xbcrich\"}"})
         EXPECT_NE(heard.out.find(part), std::string::npos) << part << " in " << heard.out;
+}
 
-    // A message over --max-size ends the listener with one line.
-    Tool small({"listen", "0", "--max-size", "10"});
-    tool({"send", "127.0.0.1", small.port(), "--type", "1", "--subtype", "1", "key=a value longer than ten"});
-    Result const refused = small.finish();
-    expectOneLineFailure(refused, 1);
-    EXPECT_NE(refused.err.find("--max-size 10"), std::string::npos);
+TEST(Tool, ListenServesEveryPeerAtOnce) {
+    // A peer that connects and stays silent holds up nobody: the next peer's message is printed
+    // while it is still connected.
+    Tool listener({"listen", "0", "--count", "1"});
+    std::string port = listener.port();
+    nStreamTest::RawFd silent(connectTo(port));
+    ASSERT_EQ(tool({"send", "127.0.0.1", port, "--type", "1", "--subtype", "2", "k=v"}).status, 0);
+    EXPECT_TRUE(listener.awaits("message 1: 12 bytes, type 1, subtype 2\n")) << "not while a silent peer is connected";
+    EXPECT_EQ(listener.finish().status, 0);
+
+    // Over --max-connections a connection is refused in one line; those open are still served.
+    Tool full({"listen", "0", "--count", "1", "--max-connections", "1"});
+    port = full.port();
+    nStreamTest::RawFd first(connectTo(port));
+    nStreamTest::RawFd second(connectTo(port));
+    EXPECT_TRUE(full.awaits("refused, 1 connections are open (--max-connections)", true));
+    EXPECT_TRUE(nStreamTest::rawReceive(second, 1).empty());
+    nStreamTest::rawSend(first, nStreamTest::bytesOf(header(12) + "1 '1 k '1 v "));
+    Result const served = full.finish();
+    EXPECT_EQ(served.status, 0) << served.err;
+    EXPECT_NE(served.out.find("message 1: 12 bytes"), std::string::npos) << served.out;
+
+    // Messages of peers sending at the same time arrive whole, numbered in one sequence, none lost.
+    Tool busy({"listen", "0", "--count", "200", "--json"});
+    port = busy.port();
+    std::vector<std::unique_ptr<Tool>> senders;
+    for (char const* value : {"a", "b", "c", "d"})
+        senders.push_back(std::make_unique<Tool>(std::vector<std::string>{
+            "send", "127.0.0.1", port, "--type", "1", "--subtype", "2", "--count", "50", std::string("k=") + value}));
+    for (auto& sender : senders) EXPECT_EQ(sender->finish().status, 0);
+    Result const heard = busy.finish();
+    ASSERT_EQ(heard.status, 0) << heard.err;
+    std::map<std::string, int> perValue;
+    size_t start = 0;
+    for (int n = 1; n <= 200; ++n) {
+        size_t const end = heard.out.find('\n', start);
+        ASSERT_NE(end, std::string::npos) << "message " << n << " missing";
+        std::string const line = heard.out.substr(start, end - start);
+        start = end + 1;
+        EXPECT_EQ(line.rfind("{\"n\":" + std::to_string(n) + ",\"length\":12,", 0), 0u) << line;
+        size_t const pairs = line.find(",\"pairs\":{\"k\":\"");
+        ASSERT_NE(pairs, std::string::npos) << line;
+        EXPECT_EQ(line.substr(pairs + 16), "\"}}") << line;
+        ++perValue[line.substr(pairs + 15, 1)];
+    }
+    EXPECT_EQ(start, heard.out.size());
+    EXPECT_EQ(perValue, (std::map<std::string, int>{{"a", 50}, {"b", 50}, {"c", 50}, {"d", 50}}));
+}
+
+TEST(Tool, ListenDropsABadConnectionInOneLineAndGoesOn) {
+    std::string const body = header(40) + "0123456789";  // a 40-byte message that stops after 10
+    enum End { kStay, kClose, kReset };
+    struct Case {
+        std::string bytes;
+        End end;
+        std::string reported;  // after "colloquy listen: 127.0.0.1:PORT: "
+    } const cases[] = {
+        {header(101), kStay, "peer announced a 101-byte message, over --max-size 100; connection dropped\n"},
+        {header(-1), kStay, "peer announced a 4294967295-byte message, over --max-size 100; connection dropped\n"},
+        {header(40).substr(0, 3), kClose, "closed inside a header after 3 of 8 bytes; connection dropped\n"},
+        {body, kClose, "closed inside a 40-byte body after 10 bytes; connection dropped\n"},
+        {body, kReset, "Connection reset by peer"},
+        {body, kStay, "no byte for 1 s inside a 40-byte body after 10 bytes; connection dropped\n"},
+    };
+    Tool listener({"listen", "0", "--count", std::to_string(std::size(cases)), "--max-size", "100", "--timeout", "1"});
+    std::string const port = listener.port();
+    std::string const good = header(12) + "1 '1 k '1 v ";
+    int n = 0;
+    for (Case const& c : cases) {
+        SCOPED_TRACE(c.reported);
+        nStreamTest::RawFd bad(connectTo(port));
+        nStreamTest::rawSend(bad, nStreamTest::bytesOf(c.bytes));
+        if (c.end == kClose) bad.reset();
+        if (c.end == kReset) bad.abort();
+        EXPECT_TRUE(listener.awaits(c.reported, true));
+        if (c.end == kStay) {
+            EXPECT_TRUE(nStreamTest::rawReceive(bad, 1).empty()) << "the listener kept the connection";
+        }
+        // The next peer is served.
+        nStreamTest::RawFd next(connectTo(port));
+        nStreamTest::rawSend(next, nStreamTest::bytesOf(good));
+        EXPECT_TRUE(listener.awaits("message " + std::to_string(++n) + ": 12 bytes"));
+    }
+    Result const heard = listener.finish();
+    EXPECT_EQ(heard.status, 0) << heard.err;
+    expectErrorLines(heard.err);
+    EXPECT_EQ(std::count(heard.err.begin(), heard.err.end(), '\n'), static_cast<long>(std::size(cases))) << heard.err;
 }
 
 TEST(Tool, DemoBenchAndReportRun) {
@@ -171,14 +300,21 @@ TEST(Tool, BadInputGetsOneLineAndNonZeroStatus) {
         int status;  // 1: the input or the network failed; 2: the command line is wrong
     } const cases[] = {
         {{"decode"}, "1 '2 ab 3 xyz ", 1},
+        {{"decode"}, "1 '1 a '1 b TRAILING", 1},
+        {{"decode"}, "0 ", 1},
+        {{"decode"}, "-1 ", 1},
+        {{"decode"}, "2 '1 a '1 b '1 a '1 c ", 1},
         {{"unpack"}, "8 6 4 6 6 2 2 2 4 hostB", 1},
         {{"convert", "--from", "99999", "--to", "65001"}, "1 '1 k '1 v ", 1},
+        {{"convert", "--from", "1252", "--to", "65001", "extra"}, "", 2},
         {{"send", "127.0.0.1", "1", "--type", "1", "--subtype", "1", "k=v"}, "", 1},
         {{"report", "--output", "/nonexistent-dir/report.txt"}, "", 1},
         {{"encode", "k=\\q"}, "", 2},
         {{"pack", "--to", "svc"}, "", 2},
         {{"listen", "70000"}, "", 2},
         {{"frobnicate"}, "", 2},
+        {{"fro\nb\x1b[2J"}, "", 2},
+        {{"encode", "--k\nv"}, "", 2},
     };
     for (Case const& c : cases) {
         SCOPED_TRACE(c.args.back());

@@ -224,8 +224,8 @@ int cmdListen(Words const& words) {
             try {
                 Connection& c = connections.emplace_back(listener.Accept(acceptNow));
                 if (connections.size() > settings.maxConnections) {
-                    report(c.peer + ": refused, " + std::to_string(settings.maxConnections) +
-                           " connections are open (--max-connections)");
+                    report(c.peer + ": refused, --max-connections " + std::to_string(settings.maxConnections) +
+                           " are open");
                     connections.pop_back();
                 }
             } catch (nSock::cSocketException const& e) {

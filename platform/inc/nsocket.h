@@ -17,6 +17,8 @@
 #include "ntime.h"
 #include "rwcstring.h"
 
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -124,6 +126,17 @@ COLLOQUY_EXPORT cHandleValid gAccept(cHandleValid const& listener, cSocketOption
 // Sends all `count` bytes (restarting after signals and partial writes) or returns false.
 // A peer that has gone gives false, never SIGPIPE.
 COLLOQUY_EXPORT bool gSend(cHandleValid const& handle, int count, char const* buffer);
+// One run of bytes of a gathered send.
+struct cSendPiece {
+    char const* data;
+    std::size_t size;
+};
+// Sends the bytes of `count` pieces, in order, as one run on the stream, gathering up to IOV_MAX
+// pieces and 1 MiB into each system call (sendmsg) and restarting after signals and partial
+// writes. Returns how many bytes the system accepted for sending: all of them, or fewer when
+// the connection failed (errno then tells why). A peer that has gone gives a short count, never
+// SIGPIPE.
+COLLOQUY_EXPORT std::uint64_t gSendPieces(cHandleValid const& handle, cSendPiece const* pieces, std::size_t count);
 // Stores exactly `count` bytes in `buffer` or returns false (peer closed, reset, time-out).
 // `latency` bounds the wait (null: no limit).
 COLLOQUY_EXPORT bool gReceive(cHandleValid const& handle, int count, char* buffer, bool continuation,

@@ -5,10 +5,12 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <memory>
 #include <new>
 #include <string_view>
+#include <vector>
 
 namespace nSock = nCommunication::nSocket;
 
@@ -65,6 +67,54 @@ bool StreamSocket::SendTypedMessageZ2(short type, short subType, const char* dat
             std::memset(buffer.get() + sizeof header, 0, static_cast<size_t>(length));
     }
     return WriteDataZ1(static_cast<int>(total), buffer.get());
+}
+
+cTypedMessageBatch::cTypedMessageBatch() = default;
+
+cTypedMessageBatch::~cTypedMessageBatch() = default;
+
+bool cTypedMessageBatch::Add(short type, short subType, const char* data, int length) {
+    if (length < 0 || (length > 0 && data == nullptr)) {
+        COLLOQUY_LOG(nLog::nBasic::sErrorTag_, kModule, "cTypedMessageBatch:Add refused", length,
+                     static_cast<void const*>(data));
+        return false;
+    }
+    cEntry& entry = mEntries.emplace_back();
+    SSMMakeMessageHeader(length, type, subType, &entry.header);
+    entry.data = data;
+    entry.length = length;
+    return true;
+}
+
+void cTypedMessageBatch::Clear() { mEntries.clear(); }
+
+bool StreamSocket::SendTypedMessageBatch(const cTypedMessageBatch& batch, long* written) {
+    COLLOQUY_LOG(nColloquy::sTraceTag_, kModule);
+    nSock::cHandleValid const handle = nSock::gValidate(mHandle);
+    // A piece for each header and each non-empty body.
+    std::vector<nSock::cSendPiece> pieces;
+    pieces.reserve(2 * batch.mEntries.size());
+    std::uint64_t total = 0;
+    for (cTypedMessageBatch::cEntry const& entry : batch.mEntries) {
+        pieces.push_back({reinterpret_cast<char const*>(&entry.header), sizeof entry.header});
+        if (entry.length > 0) pieces.push_back({entry.data, static_cast<std::size_t>(entry.length)});
+        total += sizeof entry.header + static_cast<std::uint64_t>(entry.length);
+    }
+    std::uint64_t const sent = nSock::gSendPieces(handle, pieces.data(), pieces.size());
+    long whole = batch.Count();
+    if (sent < total) {
+        int const error = errno;
+        whole = 0;
+        for (std::uint64_t end = 0; whole < batch.Count(); ++whole) {
+            end += sizeof(c_MessageHeader) +
+                   static_cast<std::uint64_t>(batch.mEntries[static_cast<std::size_t>(whole)].length);
+            if (end > sent) break;
+        }
+        COLLOQUY_LOG(nLog::nBasic::sErrorTag_, kModule, "StreamSocket:SendTypedMessageBatch", whole, batch.Count(),
+                     std::strerror(error));
+    }
+    if (written != nullptr) *written = whole;
+    return sent == total;
 }
 
 int StreamSocket::GetMessageHeaderZ1(c_MessageHeader* header, nSock::iLatencyConfiguration* latency) {

@@ -1,0 +1,94 @@
+// Gathered sends: many pieces of a stream (message headers and bodies) in few system calls.
+#include "nsocket.h"
+
+#include <limits.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+
+namespace nCommunication {
+namespace nSocket {
+
+namespace {
+
+// What one system call carries at most: the system's limit of pieces, and a byte count that
+// keeps a call's copy into the kernel short while still amortising the call over many messages.
+constexpr std::size_t kPiecesPerCall = IOV_MAX;
+constexpr std::size_t kBytesPerCall = std::size_t(1) << 20;
+// Vectors up to this many pieces live on the stack.
+constexpr std::size_t kLocalPieces = 128;
+
+// The position of the next byte to send: `offset` bytes into piece `index`.
+struct cPosition {
+    std::size_t index = 0;
+    std::size_t offset = 0;
+};
+
+// Fills `vector` (room for `room` entries) with the bytes from `at` on, within the limits of
+// one call; returns the number of entries.
+std::size_t fill(iovec* vector, std::size_t room, cSendPiece const* pieces, std::size_t count, cPosition at) {
+    std::size_t used = 0;
+    std::size_t bytes = 0;
+    for (std::size_t i = at.index, offset = at.offset; i < count && used < room && bytes < kBytesPerCall;
+         ++i, offset = 0) {
+        std::size_t const size = std::min(pieces[i].size - offset, kBytesPerCall - bytes);
+        if (size == 0) continue;
+        vector[used].iov_base = const_cast<char*>(pieces[i].data + offset);
+        vector[used].iov_len = size;
+        ++used;
+        bytes += size;
+    }
+    return used;
+}
+
+// Moves `at` forward by `bytes` and past pieces that have nothing left.
+void advance(cPosition& at, cSendPiece const* pieces, std::size_t count, std::size_t bytes) {
+    while (at.index < count) {
+        std::size_t const left = pieces[at.index].size - at.offset;
+        if (bytes < left) {
+            at.offset += bytes;
+            return;
+        }
+        bytes -= left;
+        ++at.index;
+        at.offset = 0;
+    }
+}
+
+}  // namespace
+
+std::uint64_t gSendPieces(cHandleValid const& handle, cSendPiece const* pieces, std::size_t count) {
+    int const fd = handle.descriptor();
+    if (fd < 0) {
+        errno = EBADF;
+        return 0;
+    }
+    std::size_t const room = std::min(count, kPiecesPerCall);
+    iovec local[kLocalPieces];
+    std::unique_ptr<iovec[]> large(room > kLocalPieces ? new iovec[room] : nullptr);
+    iovec* const vector = large ? large.get() : local;
+
+    std::uint64_t sent = 0;
+    cPosition at;
+    advance(at, pieces, count, 0);
+    while (at.index < count) {
+        msghdr message{};
+        message.msg_iov = vector;
+        message.msg_iovlen = fill(vector, room, pieces, count, at);
+        ssize_t const n = ::sendmsg(fd, &message, MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            if (n == 0) errno = EIO;  // a stream socket that takes nothing would never end
+            return sent;
+        }
+        sent += static_cast<std::uint64_t>(n);
+        advance(at, pieces, count, static_cast<std::size_t>(n));
+    }
+    return sent;
+}
+
+}  // namespace nSocket
+}  // namespace nCommunication

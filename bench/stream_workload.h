@@ -19,6 +19,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -26,6 +27,7 @@
 #include <memory>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 namespace benchstream {
 inline thread_local long tSystemCalls = 0;
@@ -43,6 +45,10 @@ extern "C" __attribute__((visibility("default"))) ssize_t send(int fd, void cons
 extern "C" __attribute__((visibility("default"))) int poll(pollfd* fds, nfds_t count, int timeout) {
     ++benchstream::tSystemCalls;
     return static_cast<int>(syscall(SYS_poll, fds, count, timeout));
+}
+extern "C" __attribute__((visibility("default"))) ssize_t sendmsg(int fd, msghdr const* message, int flags) {
+    ++benchstream::tSystemCalls;
+    return syscall(SYS_sendmsg, fd, message, flags);
 }
 
 namespace benchstream {
@@ -102,6 +108,72 @@ struct RawConnection {
     void release(char* body) { delete[] body; }
 };
 
+// The baseline of batched sending: `kBatch` messages per call of send, written as writev
+// would (an iovec for each header and each body, resumed after partial writes) through sendmsg,
+// whose MSG_NOSIGNAL keeps a peer that hung up from raising SIGPIPE. Its receiver reads ahead
+// 16 KiB at a time, as the library does, and copies each body into a fresh buffer.
+template <int kBatch>
+struct RawBatchConnection : RawConnection {
+    bool send(char const* data, int length) {
+        c_MessageHeader headers[kBatch];
+        iovec pieces[2 * kBatch];
+        size_t left = 0;
+        for (int i = 0; i < kBatch; ++i) {
+            SSMMakeMessageHeader(length, kType, kSubType, &headers[i]);
+            pieces[2 * i] = {&headers[i], sizeof headers[i]};
+            pieces[2 * i + 1] = {const_cast<char*>(data), static_cast<size_t>(length)};
+            left += sizeof headers[i] + static_cast<size_t>(length);
+        }
+        for (iovec* next = pieces; left > 0;) {
+            msghdr message{};
+            message.msg_iov = next;
+            message.msg_iovlen = static_cast<size_t>(pieces + 2 * kBatch - next);
+            ssize_t n = ::sendmsg(fd, &message, MSG_NOSIGNAL);
+            if (n <= 0) return false;
+            left -= static_cast<size_t>(n);
+            for (size_t done = static_cast<size_t>(n); done > 0;) {
+                size_t const step = std::min(done, next->iov_len);
+                next->iov_base = static_cast<char*>(next->iov_base) + step;
+                next->iov_len -= step;
+                done -= step;
+                if (next->iov_len == 0) ++next;
+            }
+        }
+        return true;
+    }
+    // Exactly `count` bytes: from the read-ahead, refilled with one recv at a time.
+    bool take(char* into, size_t count) {
+        while (count > 0) {
+            if (mBegin == mEnd) {
+                ssize_t n = ::recv(fd, mBuffer, sizeof mBuffer, 0);
+                if (n <= 0) return false;
+                mBegin = 0;
+                mEnd = static_cast<size_t>(n);
+            }
+            size_t const step = std::min(count, mEnd - mBegin);
+            std::memcpy(into, mBuffer + mBegin, step);
+            mBegin += step;
+            into += step;
+            count -= step;
+        }
+        return true;
+    }
+    bool receive(char*& body, int& length) {
+        c_MessageHeader header;
+        if (!take(reinterpret_cast<char*>(&header), sizeof header)) return false;
+        length = static_cast<int32_t>(ntohl(static_cast<uint32_t>(header.bodyLength)));
+        body = new char[length];
+        if (take(body, static_cast<size_t>(length))) return true;
+        delete[] body;
+        return false;
+    }
+
+  private:
+    char mBuffer[16 * 1024];
+    size_t mBegin = 0;
+    size_t mEnd = 0;
+};
+
 inline void noDelay(int fd) {
     int on = 1;
     ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
@@ -139,6 +211,19 @@ struct LibraryConnection {
     void release(char* body) { StreamSocket::FreeMessage(body); }
 };
 
+// The library's batched sending: `kBatch` messages per call of send, gathered in a
+// cTypedMessageBatch (filled anew each time, as a host would) and sent with
+// SendTypedMessageBatch. The receiver is the library's, unchanged.
+template <int kBatch>
+struct LibraryBatchConnection : LibraryConnection {
+    cTypedMessageBatch batch;
+    bool send(char const* data, int length) {
+        batch.Clear();
+        for (int i = 0; i < kBatch; ++i) batch.Add(kType, kSubType, data, length);
+        return socket->SendTypedMessageBatch(batch);
+    }
+};
+
 inline void libraryPair(LibraryConnection& a, LibraryConnection& b) {
     StreamSocket listener;
     listener.CreateListenerSocket(0);
@@ -149,6 +234,13 @@ inline void libraryPair(LibraryConnection& a, LibraryConnection& b) {
 
 inline void makePair(RawConnection& a, RawConnection& b) { rawPair(a, b); }
 inline void makePair(LibraryConnection& a, LibraryConnection& b) { libraryPair(a, b); }
+
+// CPU time, in microseconds, of the threads that a connection's library runs for it; -1 for a
+// connection without such threads (the raw baseline and the library).
+template <class Connection>
+double helperCpuMicroseconds(Connection const&) {
+    return -1;
+}
 
 // ---- the measurements ------------------------------------------------------------------
 
@@ -191,6 +283,14 @@ int queuedBytes(Connection const&) {
 }
 inline int queuedBytes(RawConnection const& c) { return queuedBytesOn(c.fd); }
 inline int queuedBytes(LibraryConnection const& c) { return queuedBytesOn(c.socket->GetHandle().descriptor()); }
+template <int kBatch>
+int queuedBytes(RawBatchConnection<kBatch> const& c) {
+    return queuedBytesOn(c.fd);
+}
+template <int kBatch>
+int queuedBytes(LibraryBatchConnection<kBatch> const& c) {
+    return queuedBytesOn(c.socket->GetHandle().descriptor());
+}
 
 // Stands in for what a receiver does with a message: `rounds` dependent steps over its bytes
 // (each round costs a few nanoseconds), so that the receiver, not the sender, sets the pace.
@@ -226,7 +326,8 @@ void finish(benchmark::State& state, ThreadCost& cost, Connection& mine, std::th
 // One-way: range(0) is the message size, range(1) the rounds of work per message.
 // rx_queue_kib is the mean of the receiver's kernel queue, sampled every 256 messages: a
 // receiver that lags keeps a deep queue (the sender then appends to large segments), one that
-// keeps up keeps it shallow (every message is a segment of its own).
+// keeps up keeps it shallow (every message is a segment of its own). rx_io_cpu_us is the CPU
+// time per message of the threads the receiving end's library runs for it (ZeroMQ's I/O thread).
 template <class Connection>
 void OneWay(benchmark::State& state) {
     int const size = static_cast<int>(state.range(0));
@@ -240,6 +341,7 @@ void OneWay(benchmark::State& state) {
     });
     double queued = 0;
     int64_t samples = 0, received = 0;
+    double const helpers = helperCpuMicroseconds(receiver);
     ThreadCost cost;
     for (auto _ : state) {
         if (!receiveOne(receiver, size, rounds)) {
@@ -254,6 +356,9 @@ void OneWay(benchmark::State& state) {
         }
     }
     if (samples > 0) state.counters["rx_queue_kib"] = queued / samples / 1024;
+    if (helpers >= 0)
+        state.counters["rx_io_cpu_us"] =
+            (helperCpuMicroseconds(receiver) - helpers) / static_cast<double>(std::max<int64_t>(received, 1));
     finish(state, cost, receiver, feeder);
     state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(size));
 }

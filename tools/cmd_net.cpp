@@ -5,6 +5,7 @@
 #include "netmsg.h"
 #include "nsocket.h"
 #include "streamsocket.h"
+#include "syscall_count.h"
 #include "zeppackmsg.h"
 
 #include <arpa/inet.h>
@@ -13,6 +14,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <thread>
 
@@ -21,6 +23,8 @@ namespace colloquy {
 namespace nSock = nCommunication::nSocket;
 
 namespace {
+
+constexpr long long kMaxBatch = 1 << 20;  // messages in one batch of send and bench
 
 unsigned short portArgument(std::string const& text) {
     return static_cast<unsigned short>(parseNumber(text, 0, 65535, "PORT"));
@@ -41,11 +45,33 @@ std::string bodyToSend(Args const& args, std::vector<std::string> const& pairWor
     return wantsEnvelope(args) ? packEnvelope(args, body) : body;
 }
 
+// Sends `count` copies of `body` in batches of `batchSize` messages (the last one shorter),
+// telling `progress` the number sent after each batch; returns how many were written whole:
+// `count`, or fewer when the connection failed.
+long long sendBatched(StreamSocket& socket, long long count, long long batchSize, short type, short subType,
+                      std::string const& body, std::function<void(long long)> const& progress = {}) {
+    cTypedMessageBatch batch;
+    long long sent = 0;
+    while (sent < count) {
+        long long const n = std::min(batchSize, count - sent);
+        if (batch.Count() != n) {
+            batch.Clear();
+            for (long long i = 0; i < n; ++i) batch.Add(type, subType, body.data(), static_cast<int>(body.size()));
+        }
+        long written = 0;
+        bool const ok = socket.SendTypedMessageBatch(batch, &written);
+        sent += written;
+        if (!ok) break;
+        if (progress) progress(sent);
+    }
+    return sent;
+}
+
 }  // namespace
 
 int cmdSend(Words const& words) {
     std::vector<std::string> valued = kEnvelopeOptions;
-    valued.insert(valued.end(), {"--type", "--subtype", "--raw", "--count"});
+    valued.insert(valued.end(), {"--type", "--subtype", "--raw", "--count", "--batch"});
     Args const args(words, valued, {});
     if (args.positional().size() < 2) throw UsageError("send needs HOST and PORT");
     std::string const host = args.positional()[0];
@@ -55,15 +81,21 @@ int cmdSend(Words const& words) {
     auto const type = static_cast<short>(args.number("--type", 0, INT16_MIN, INT16_MAX));
     auto const subType = static_cast<short>(args.number("--subtype", 0, INT16_MIN, INT16_MAX));
     long long const count = args.number("--count", 1, 1, 1LL << 40);
+    long long const batchSize = args.number("--batch", 0, 1, kMaxBatch);  // 0: one send per message
     std::string const body =
         bodyToSend(args, std::vector<std::string>(args.positional().begin() + 2, args.positional().end()));
     if (body.size() > 0x7fffffff - 8) throw Failure("body too large");
 
     StreamSocket socket;
     socket.Connect(host, port, nSock::cSocketOptions());
-    for (long long i = 0; i < count; ++i)
-        if (!socket.SendTypedMessageZ2(type, subType, body.data(), static_cast<int>(body.size())))
-            throw Failure("send failed after " + std::to_string(i) + " messages");
+    if (batchSize > 0) {
+        long long const sent = sendBatched(socket, count, batchSize, type, subType, body);
+        if (sent < count) throw Failure("send failed after " + std::to_string(sent) + " messages");
+    } else {
+        for (long long i = 0; i < count; ++i)
+            if (!socket.SendTypedMessageZ2(type, subType, body.data(), static_cast<int>(body.size())))
+                throw Failure("send failed after " + std::to_string(i) + " messages");
+    }
     std::fprintf(stderr, "sent %lld message(s) of %zu bytes to %s:%u\n", count, body.size(), host.c_str(), port);
     return 0;
 }
@@ -132,22 +164,25 @@ int cmdDemo(Words const& words) {
 }
 
 int cmdBench(Words const& words) {
-    Args const args(words, {"--size", "--count"}, {});
-    if (!args.positional().empty()) throw UsageError("bench takes only --size and --count");
+    Args const args(words, {"--size", "--count", "--batch"}, {});
+    if (!args.positional().empty()) throw UsageError("bench takes only --size, --count and --batch");
     long long const size = args.number("--size", 100, 0, 64LL << 20);
     long long const count = args.number("--count", 20000, 1, 10000000);
+    long long const batchSize = args.number("--batch", 0, 1, kMaxBatch);  // 0: one send per message
 
     StreamSocket listener;
     listener.CreateListenerSocket(0);
     unsigned short const port = nSock::gLocalPort(listener.GetHandle());
     std::string const payload(static_cast<size_t>(size), 'x');
     std::atomic<bool> serverOk{true};
+    std::atomic<long> serverCalls{0};  // the server's socket calls while it received one-way
 
     // The server receives `count` one-way messages, then echoes `count` messages back.
     std::thread server([&] {
         try {
             StreamSocket peer(listener.Accept(nSock::cSocketOptions()));
             for (int phase = 0; phase < 2; ++phase) {
+                long const callsBefore = socketCallsOfThisThread();
                 for (long long i = 0; i < count; ++i) {
                     short type, subType;
                     char* body = nullptr;
@@ -157,6 +192,7 @@ int cmdBench(Words const& words) {
                     if (length > 0) StreamSocket::FreeMessage(body);
                     if (!ok) throw Failure("echo");
                 }
+                if (phase == 0) serverCalls = socketCallsOfThisThread() - callsBefore;
             }
         } catch (...) {
             serverOk = false;
@@ -167,17 +203,28 @@ int cmdBench(Words const& words) {
     StreamSocket client;
     client.ConnectLocal(port, nSock::cSocketOptions());
     bool const showProgress = ::isatty(STDERR_FILENO) != 0;
+    long long shown = -1;  // the last tenth shown
     auto progress = [&](char const* what, long long done) {
-        if (showProgress && count >= 10 && done % (count / 10) == 0)
-            std::fprintf(stderr, "\r%s %lld/%lld   ", what, done, count);
+        if (!showProgress || count < 10 || done * 10 / count == shown) return;
+        shown = done * 10 / count;
+        std::fprintf(stderr, "\r%s %lld/%lld   ", what, done, count);
     };
     // One-way throughput: the clock stops when the reply to the first round trip arrives; the
     // peer sends it only after it has received every one-way message.
+    long const clientCallsBefore = socketCallsOfThisThread();
     auto const start = Clock::now();
-    for (long long i = 0; i < count; ++i) {
-        if (!client.SendTypedMessageZ2(1, 0, payload.data(), static_cast<int>(size))) throw Failure("send failed");
-        progress("one-way", i + 1);
+    if (batchSize > 0) {
+        if (sendBatched(client, count, batchSize, 1, 0, payload, [&](long long sent) { progress("one-way", sent); }) <
+            count)
+            throw Failure("send failed");
+    } else {
+        for (long long i = 0; i < count; ++i) {
+            if (!client.SendTypedMessageZ2(1, 0, payload.data(), static_cast<int>(size))) throw Failure("send failed");
+            progress("one-way", i + 1);
+        }
     }
+    long const clientCalls = socketCallsOfThisThread() - clientCallsBefore;
+    shown = -1;
     std::vector<double> latencies;
     latencies.reserve(static_cast<size_t>(count));
     double oneWaySeconds = 0;
@@ -206,6 +253,10 @@ int cmdBench(Words const& words) {
     double const perSecond = static_cast<double>(count) / oneWaySeconds;
     std::printf("one-way: %lld messages of %lld bytes in %.3f s: %.0f messages/s, %.1f MB/s\n", count, size,
                 oneWaySeconds, perSecond, perSecond * static_cast<double>(size + 8) / 1e6);
+    std::printf("one-way %s: system calls per message: sender %.4f, receiver %.4f\n",
+                batchSize > 0 ? ("in batches of " + std::to_string(batchSize)).c_str() : "one send per message",
+                static_cast<double>(clientCalls) / static_cast<double>(count),
+                static_cast<double>(serverCalls.load()) / static_cast<double>(count));
     std::printf("round trip: p50 %.1f us, p99 %.1f us (%lld round trips)\n", percentile(0.50), percentile(0.99), count);
     return 0;
 }

@@ -33,8 +33,9 @@ Command const kCommands[] = {
      "print the fields of a packed message read on standard input (and its pairs)"},
     {"send", colloquy::cmdSend,
      "send HOST PORT --type T --subtype S [--to NAME@HOST --from NAME@HOST [--qtype N]\n"
-     "      [--user-value N]] [key=value ...|--raw FILE] [--count N]",
-     "connect and send typed messages (a record's text form, optionally in an envelope)"},
+     "      [--user-value N]] [key=value ...|--raw FILE] [--count N] [--batch N]",
+     "connect and send typed messages (a record's text form, optionally in an envelope);\n"
+     "      --batch N writes N messages at a time with as few system calls as possible"},
     {"listen", colloquy::cmdListen,
      "listen PORT [--count N] [--json] [--max-size BYTES] [--timeout SECONDS]\n"
      "      [--max-connections N]",
@@ -44,8 +45,9 @@ Command const kCommands[] = {
     {"convert", colloquy::cmdConvert, "convert --from CP --to CP",
      "convert a text form on standard input between code pages (e.g. 1252 to 65001)"},
     {"report", colloquy::cmdReport, "report [--output FILE]", "write the host's support report"},
-    {"bench", colloquy::cmdBench, "bench [--size BYTES] [--count N]",
-     "measure loopback throughput and round-trip latency"},
+    {"bench", colloquy::cmdBench, "bench [--size BYTES] [--count N] [--batch N]",
+     "measure loopback throughput (one send per message, or --batch N messages at a time),\n"
+     "      system calls per message and round-trip latency"},
 };
 
 void printHelp(std::FILE* out) {

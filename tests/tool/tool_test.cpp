@@ -181,6 +181,16 @@ TEST(Tool, SendInOneProcessListenInAnother) {
     for (char const* part : {"{\"n\":1,", "{\"n\":2,", "\"type\":7,\"subType\":-1", "\"from\":\"agent@a\"",
                              "\"pairs\":{\"city\":\"Z\xc3\xbcrich\"}"})
         EXPECT_NE(heard.out.find(part), std::string::npos) << part << " in " << heard.out;
+
+    // In batches: the same messages, written two at a time.
+    Tool batched({"listen", "0", "--count", "3", "--json"});
+    Result const sentBatched = tool(
+        {"send", "127.0.0.1", batched.port(), "--type", "5", "--subtype", "6", "--count", "3", "--batch", "2", "k=v"});
+    ASSERT_EQ(sentBatched.status, 0) << sentBatched.err;
+    Result const heardBatched = batched.finish();
+    ASSERT_EQ(heardBatched.status, 0) << heardBatched.err;
+    for (char const* part : {"{\"n\":3,", "\"type\":5,\"subType\":6", "\"pairs\":{\"k\":\"v\"}"})
+        EXPECT_NE(heardBatched.out.find(part), std::string::npos) << part << " in " << heardBatched.out;
 }
 
 TEST(Tool, ListenServesEveryPeerAtOnce) {
@@ -280,6 +290,11 @@ TEST(Tool, DemoBenchAndReportRun) {
     ASSERT_EQ(bench.status, 0) << bench.err;
     EXPECT_NE(bench.out.find("messages/s"), std::string::npos) << bench.out;
     EXPECT_NE(bench.out.find("p99"), std::string::npos) << bench.out;
+    // 25 batches of 8 messages, each in one system call.
+    Result const batchedBench = tool({"bench", "--size", "100", "--count", "200", "--batch", "8"});
+    ASSERT_EQ(batchedBench.status, 0) << batchedBench.err;
+    EXPECT_NE(batchedBench.out.find("in batches of 8: system calls per message: sender 0.1250,"), std::string::npos)
+        << batchedBench.out;
 
     // The report leaves no scratch files beside its output.
     std::string const dir = gScratchDirectory("colloquy_tool");
@@ -308,6 +323,7 @@ TEST(Tool, BadInputGetsOneLineAndNonZeroStatus) {
         {{"convert", "--from", "99999", "--to", "65001"}, "1 '1 k '1 v ", 1},
         {{"convert", "--from", "1252", "--to", "65001", "extra"}, "", 2},
         {{"send", "127.0.0.1", "1", "--type", "1", "--subtype", "1", "k=v"}, "", 1},
+        {{"send", "127.0.0.1", "1", "--type", "1", "--subtype", "1", "--batch", "0", "k=v"}, "", 2},
         {{"report", "--output", "/nonexistent-dir/report.txt"}, "", 1},
         {{"encode", "k=\\q"}, "", 2},
         {{"pack", "--to", "svc"}, "", 2},

@@ -152,6 +152,7 @@ TEST(MessageBatch, SendsTheBytesOfOneSendPerMessage) {
         {"more bytes than one call takes", numbered(3, 700000), 3},
         {"a zero-length and a 4 MiB body", {{1, 2, ""}, {3, 4, std::string(4 << 20, 'm')}}, 5},
     };
+    Watchdog watchdog(std::chrono::seconds(60));  // a sender with more bytes than expected blocks
     RawPeerPair pair;
     TagScope trace("ColloquyT", true);
     for (Case const& c : cases) {
@@ -235,6 +236,7 @@ TEST(MessageBatch, ResumesAfterShortWritesAndSignals) {
         {"a header one byte at a time", 3, 100, std::deque<Step>(8, cut(1)), 9},
         {"short write in the second call", 600, 10, {kPass, cut(5)}, 3},
     };
+    Watchdog watchdog(std::chrono::seconds(60));
     RawPeerPair pair;
     for (Case const& c : cases) {
         SCOPED_TRACE(c.what);

@@ -11,7 +11,7 @@ import sys
 
 # Programs whose benchmarks are named <workload>/<library>[/arguments]: one table per workload.
 COMPARED = ("record_peers_bench", "transport_peers_bench")
-COUNTERS = ("items_per_second", "rx_cpu_us", "rx_syscalls", "cpu_us", "rx_queue_kib")
+COUNTERS = ("items_per_second", "rx_cpu_us", "rx_io_cpu_us", "rx_syscalls", "cpu_us", "rx_queue_kib")
 
 
 def load(directory, program):
@@ -117,7 +117,37 @@ def targets(rows):
         if zmq and zmq.median < ours.median:
             check(f"One-way {size}: ZeroMQ faster (for information)", f"{ours.median / zmq.median:.2f}x", None,
                   "ZeroMQ's messages per second over ours")
+    batch_targets(rows, check)
     return out
+
+
+def batch_targets(rows, check):
+    """Batched sending of 100-byte messages against ZeroMQ and the raw gathered writes."""
+    zmq = find(rows, "OneWay100B", "zeromq")
+    for n, suffix in ((1, ""), (8, ""), (64, ""), (64, "-reuse")):
+        name = f"ours-batch{n}{suffix}"
+        ours, raw = find(rows, "OneWay100B", name), find(rows, "OneWay100B", f"raw-writev{n}")
+        if not (ours and raw):
+            continue
+        speed = raw.median / ours.median
+        if n == 64:
+            check(f"One-way 100B, {name}: at least 0.8x raw-writev{n}'s messages per second", f"{speed:.2f}x",
+                  speed >= 0.8)
+        else:
+            check(f"One-way 100B, {name}: raw-writev{n}'s messages per second", f"{speed:.2f}x", None,
+                  "for information")
+        if n != 64 or not zmq:
+            continue
+        over = zmq.median / ours.median
+        check(f"One-way 100B, {name}: at least 2x ZeroMQ's messages per second", f"{over:.2f}x", over >= 2)
+        if "rx_cpu_us" in ours.counters and "rx_io_cpu_us" in zmq.counters:
+            receiving = zmq.counters["rx_cpu_us"] + zmq.counters["rx_io_cpu_us"]
+            cpu = ours.counters["rx_cpu_us"] / receiving
+            check(f"One-way 100B, {name}: receiver CPU per message at most ZeroMQ's (its receiving thread and "
+                  "I/O thread)", f"{cpu:.2f}x", cpu <= 1)
+            alone = ours.counters["rx_cpu_us"] / zmq.counters["rx_cpu_us"]
+            check(f"One-way 100B, {name}: receiver CPU per message over ZeroMQ's receiving thread alone",
+                  f"{alone:.2f}x", None, "for information: ZeroMQ reads its socket in the I/O thread")
 
 
 def instructions_table(directory):

@@ -224,6 +224,20 @@ struct LibraryBatchConnection : LibraryConnection {
     }
 };
 
+// The same, received with WaitTypedMessageInto into one buffer that serves every message.
+template <int kBatch>
+struct LibraryBatchReuseConnection : LibraryBatchConnection<kBatch> {
+    std::vector<char> buffer;
+    bool receive(char*& body, int& length) {
+        short type, subType;
+        if (!this->socket->WaitTypedMessageInto(type, subType, buffer, nullptr)) return false;
+        body = buffer.data();
+        length = static_cast<int>(buffer.size());
+        return true;
+    }
+    void release(char*) {}
+};
+
 inline void libraryPair(LibraryConnection& a, LibraryConnection& b) {
     StreamSocket listener;
     listener.CreateListenerSocket(0);
@@ -289,6 +303,10 @@ int queuedBytes(RawBatchConnection<kBatch> const& c) {
 }
 template <int kBatch>
 int queuedBytes(LibraryBatchConnection<kBatch> const& c) {
+    return queuedBytesOn(c.socket->GetHandle().descriptor());
+}
+template <int kBatch>
+int queuedBytes(LibraryBatchReuseConnection<kBatch> const& c) {
     return queuedBytesOn(c.socket->GetHandle().descriptor());
 }
 

@@ -9,7 +9,8 @@
 // OneWay100BWork40 and OneWay100BWork200 give the receiver work per message (about 0.4 and
 // 2 microseconds of it), the way a host that does something with its messages would.
 // OneWay100BBatch64 sends 64 messages per call: SendTypedMessageBatch against writev with an
-// iovec per header and body, whose receiver reads ahead 16 KiB as the library's does.
+// iovec per header and body, whose receiver reads ahead 16 KiB as the library's does; the
+// -reuse row receives with WaitTypedMessageInto into one buffer for every message.
 // Counters beside messages per second:
 //   rx_cpu_us   CPU time (user + system) of the benchmark thread per message, from
 //               getrusage(RUSAGE_THREAD);
@@ -25,6 +26,7 @@
 namespace {
 
 using benchstream::LibraryBatchConnection;
+using benchstream::LibraryBatchReuseConnection;
 using benchstream::LibraryConnection;
 using benchstream::OneWay;
 using benchstream::PingPong;
@@ -36,6 +38,10 @@ BENCHMARK_TEMPLATE(OneWay, LibraryConnection)->Name("OneWay100B/StreamSocket")->
 BENCHMARK_TEMPLATE(OneWay, RawBatchConnection<64>)->Name("OneWay100BBatch64/raw-writev")->Args({100, 0})->UseRealTime();
 BENCHMARK_TEMPLATE(OneWay, LibraryBatchConnection<64>)
     ->Name("OneWay100BBatch64/StreamSocket")
+    ->Args({100, 0})
+    ->UseRealTime();
+BENCHMARK_TEMPLATE(OneWay, LibraryBatchReuseConnection<64>)
+    ->Name("OneWay100BBatch64/StreamSocket-reuse")
     ->Args({100, 0})
     ->UseRealTime();
 BENCHMARK_TEMPLATE(OneWay, RawConnection)->Name("OneWay100BWork40/raw")->Args({100, 40})->UseRealTime();

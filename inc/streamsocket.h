@@ -69,6 +69,13 @@ class COLLOQUY_EXPORT StreamSocket : public c_Socket {
     // accepted whole, the first ones of the batch; the peer can have received those, and none
     // of the rest whole.
     bool SendTypedMessageBatch(const cTypedMessageBatch& batch, long* written = nullptr);
+    // Receives one message into `body`, which is resized to the body's length and keeps its
+    // memory for the next message (no allocation per message once it is large enough; it grows
+    // as the bytes arrive, not as a header announces). False on a failed read or a negative
+    // length on the wire; `type` and `subType` are then untouched and the contents of `body`
+    // are unspecified.
+    bool WaitTypedMessageInto(short& type, short& subType, std::vector<char>& body,
+                              nCommunication::nSocket::iLatencyConfiguration* latency);
     // Reads a header into `header` (left in network order): its body length, or -1 on failure.
     int GetMessageHeaderZ1(c_MessageHeader* header, nCommunication::nSocket::iLatencyConfiguration* latency);
     // Receives one message. A body is returned in `data` (release it with FreeMessage); for an

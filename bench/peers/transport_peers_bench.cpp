@@ -13,7 +13,8 @@
 //
 // Batched sending (one-way, 100-byte messages): ours-batchN sends N messages per call with
 // SendTypedMessageBatch; raw-writevN is the POSIX baseline with the same framing, N messages
-// per writev, and a receiver that reads ahead 16 KiB as the library's does.
+// per writev, and a receiver that reads ahead 16 KiB as the library's does. ours-batch64-reuse
+// receives with WaitTypedMessageInto into one buffer instead of a fresh one per message.
 #include "stream_workload.h"
 
 #include <benchmark/benchmark.h>
@@ -150,6 +151,7 @@ using ZmqPushPull = ZmqPattern<ZMQ_PUSH, ZMQ_PULL>;
 using ZmqReqRep = ZmqPattern<ZMQ_REQ, ZMQ_REP>;
 
 using benchstream::LibraryBatchConnection;
+using benchstream::LibraryBatchReuseConnection;
 using benchstream::LibraryConnection;
 using benchstream::OneWay;
 using benchstream::PingPong;
@@ -165,6 +167,10 @@ BENCHMARK_TEMPLATE(OneWay, RawBatchConnection<8>)->Name("OneWay100B/raw-writev8"
 BENCHMARK_TEMPLATE(OneWay, LibraryBatchConnection<8>)->Name("OneWay100B/ours-batch8")->Args({100, 0})->UseRealTime();
 BENCHMARK_TEMPLATE(OneWay, RawBatchConnection<64>)->Name("OneWay100B/raw-writev64")->Args({100, 0})->UseRealTime();
 BENCHMARK_TEMPLATE(OneWay, LibraryBatchConnection<64>)->Name("OneWay100B/ours-batch64")->Args({100, 0})->UseRealTime();
+BENCHMARK_TEMPLATE(OneWay, LibraryBatchReuseConnection<64>)
+    ->Name("OneWay100B/ours-batch64-reuse")
+    ->Args({100, 0})
+    ->UseRealTime();
 BENCHMARK_TEMPLATE(OneWay, RawConnection)->Name("OneWay1MiB/raw")->Args({1 << 20, 0})->UseRealTime();
 BENCHMARK_TEMPLATE(OneWay, LibraryConnection)->Name("OneWay1MiB/ours")->Args({1 << 20, 0})->UseRealTime();
 BENCHMARK_TEMPLATE(OneWay, ZmqPushPull)->Name("OneWay1MiB/zeromq")->Args({1 << 20, 0})->UseRealTime();

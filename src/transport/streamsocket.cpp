@@ -91,16 +91,21 @@ void cTypedMessageBatch::Clear() { mEntries.clear(); }
 bool StreamSocket::SendTypedMessageBatch(const cTypedMessageBatch& batch, long* written) {
     COLLOQUY_LOG(nColloquy::sTraceTag_, kModule);
     nSock::cHandleValid const handle = nSock::gValidate(mHandle);
-    // A piece for each header and each non-empty body.
-    std::vector<nSock::cSendPiece> pieces;
-    pieces.reserve(2 * batch.mEntries.size());
+    // A piece for each header and each non-empty body, each field stored on its own (a piece
+    // copied in whole from a temporary costs a stalled load per piece).
+    std::unique_ptr<nSock::cSendPiece[]> const pieces(new nSock::cSendPiece[2 * batch.mEntries.size()]);
+    std::size_t used = 0;
     std::uint64_t total = 0;
     for (cTypedMessageBatch::cEntry const& entry : batch.mEntries) {
-        pieces.push_back({reinterpret_cast<char const*>(&entry.header), sizeof entry.header});
-        if (entry.length > 0) pieces.push_back({entry.data, static_cast<std::size_t>(entry.length)});
+        pieces[used].data = reinterpret_cast<char const*>(&entry.header);
+        pieces[used++].size = sizeof entry.header;
+        if (entry.length > 0) {
+            pieces[used].data = entry.data;
+            pieces[used++].size = static_cast<std::size_t>(entry.length);
+        }
         total += sizeof entry.header + static_cast<std::uint64_t>(entry.length);
     }
-    std::uint64_t const sent = nSock::gSendPieces(handle, pieces.data(), pieces.size());
+    std::uint64_t const sent = nSock::gSendPieces(handle, pieces.get(), used);
     long whole = batch.Count();
     if (sent < total) {
         int const error = errno;
@@ -115,6 +120,33 @@ bool StreamSocket::SendTypedMessageBatch(const cTypedMessageBatch& batch, long* 
     }
     if (written != nullptr) *written = whole;
     return sent == total;
+}
+
+bool StreamSocket::WaitTypedMessageInto(short& type, short& subType, std::vector<char>& body,
+                                        nSock::iLatencyConfiguration* latency) {
+    COLLOQUY_LOG(nColloquy::sTraceTag_, kModule);
+    // One validated handle serves the header and the body.
+    nSock::cHandleValid const handle = nSock::gValidate(mHandle);
+    c_MessageHeader header;
+    if (!nSock::gReceive(handle, sizeof header, reinterpret_cast<char*>(&header), false, latency)) return false;
+    int32_t const length = static_cast<int32_t>(ntohl(static_cast<uint32_t>(header.bodyLength)));
+    if (length < 0) return false;
+    auto const n = static_cast<std::size_t>(length);
+    // The buffer grows with the bytes that arrive, not with what the header announces: at most
+    // kFirstStep at once, then at most doubling.
+    constexpr std::size_t kFirstStep = std::size_t(1) << 20;
+    for (std::size_t got = 0; got < n;) {
+        std::size_t const step = std::min(n - got, std::max(kFirstStep, got));
+        if (body.size() < got + step) body.resize(got + step);
+        if (!nSock::gReceive(handle, static_cast<int>(step), body.data() + got, true, latency)) return false;
+        got += step;
+    }
+    body.resize(n);
+    COLLOQUY_LOG(nColloquy::sTraceTag_, kModule, "StreamSocket:WaitTypedMessageInto", n,
+                 std::string_view(body.data(), n));
+    type = static_cast<short>(ntohs(static_cast<uint16_t>(header.messageType)));
+    subType = static_cast<short>(ntohs(static_cast<uint16_t>(header.messageSubType)));
+    return true;
 }
 
 int StreamSocket::GetMessageHeaderZ1(c_MessageHeader* header, nSock::iLatencyConfiguration* latency) {

@@ -1,11 +1,13 @@
-// Batches of typed messages: their wire image against one send per message, short writes and
-// signals inside headers and bodies, a peer that closes part-way, and a long run in order.
+// Streams of small messages: batches (their wire image against one send per message, short
+// writes and signals inside headers and bodies, a peer that closes part-way, a long run in
+// order) and the receive into a caller's buffer.
 #include "streamtest.h"
 
 #include <signal.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <deque>
@@ -347,6 +349,72 @@ TEST(MessageBatch, AMillionSmallMessagesArriveInOrder) {
     EXPECT_EQ(i, kCount) << "message " << i << " did not arrive, or arrived changed or out of order";
     pair.server.reset();  // ends a sender that is still sending
     sender.join();
+}
+
+// The receive into a caller's buffer: bodies of every size, the buffer kept from one message
+// to the next, and failures that leave the classifiers untouched and allocate no more than
+// what arrived.
+TEST(ReceiveInto, ReceivesIntoTheCallersBuffer) {
+    struct Case {
+        char const* what;
+        Bytes sent;  // the wire bytes, after which the peer closes when `closes`
+        bool closes;
+        bool ok;
+        short type;
+        size_t length;  // of the body received
+    };
+    auto message = [](short type, size_t size) {
+        std::vector<Message> m{{type, static_cast<short>(-type), std::string(size, static_cast<char>('a' + type))}};
+        return imageOf(m);
+    };
+    Case const cases[] = {
+        {"empty body", message(1, 0), false, true, 1, 0},
+        {"small body", message(2, 100), false, true, 2, 100},
+        {"body beyond the read-ahead", message(3, 100000), false, true, 3, 100000},
+        {"body beyond the first step of the buffer", message(4, 3 << 20), false, true, 4, 3 << 20},
+        {"negative length", {0x80, 0, 0, 0, 0, 1, 0, 1}, false, false, 0, 0},
+        {"peer closes inside the body", {0, 0, 0, 9, 0, 1, 0, 1, 'a'}, true, false, 0, 0},
+        {"2 GiB announced, then the peer closes", {0x7f, 0xff, 0xff, 0xff, 0, 1, 0, 1, 'a'}, true, false, 0, 0},
+    };
+    Watchdog watchdog(std::chrono::seconds(60));
+    for (Case const& c : cases) {
+        SCOPED_TRACE(c.what);
+        RawPeerPair pair;
+        std::thread peer([&] {
+            rawSend(pair.peer, c.sent);
+            if (c.closes) pair.peer.reset();
+        });
+        short type = 111, subType = 222;
+        std::vector<char> body;
+        bool const ok = pair.socket.WaitTypedMessageInto(type, subType, body, patience());
+        peer.join();
+        ASSERT_EQ(ok, c.ok);
+        if (ok) {
+            EXPECT_EQ(type, c.type);
+            EXPECT_EQ(subType, -c.type);
+            ASSERT_EQ(body.size(), c.length);
+            EXPECT_TRUE(std::all_of(body.begin(), body.end(), [&](char b) { return b == 'a' + c.type; }));
+        } else {
+            EXPECT_TRUE(type == 111 && subType == 222);
+            EXPECT_LE(body.capacity(), size_t(1) << 20) << "allocated for bytes that never came";
+        }
+    }
+    // A later, smaller message reuses the buffer; after a negative length the stream goes on.
+    RawPeerPair pair;
+    Bytes stream = message(5, 1000);
+    for (unsigned char b : Bytes{0xff, 0xff, 0xff, 0xff, 0, 1, 0, 1}) stream.push_back(b);
+    Bytes const small = message(6, 10);
+    stream.insert(stream.end(), small.begin(), small.end());
+    rawSend(pair.peer, stream);
+    short type = 0, subType = 0;
+    std::vector<char> body;
+    ASSERT_TRUE(pair.socket.WaitTypedMessageInto(type, subType, body, patience()));
+    char const* const buffer = body.data();
+    EXPECT_FALSE(pair.socket.WaitTypedMessageInto(type, subType, body, patience()));
+    ASSERT_TRUE(pair.socket.WaitTypedMessageInto(type, subType, body, patience()));
+    EXPECT_EQ(type, 6);
+    EXPECT_EQ(std::string(body.begin(), body.end()), std::string(10, 'g'));
+    EXPECT_EQ(body.data(), buffer);
 }
 
 }  // namespace

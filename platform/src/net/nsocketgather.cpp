@@ -27,21 +27,36 @@ struct cPosition {
     std::size_t offset = 0;
 };
 
-// Fills `vector` (room for `room` entries) with the bytes from `at` on, within the limits of
-// one call; returns the number of entries.
-std::size_t fill(iovec* vector, std::size_t room, cSendPiece const* pieces, std::size_t count, cPosition at) {
+// One call's share of the pieces: `used` entries of the vector, `bytes` in all, and the
+// position after them.
+struct cCall {
     std::size_t used = 0;
     std::size_t bytes = 0;
-    for (std::size_t i = at.index, offset = at.offset; i < count && used < room && bytes < kBytesPerCall;
-         ++i, offset = 0) {
-        std::size_t const size = std::min(pieces[i].size - offset, kBytesPerCall - bytes);
-        if (size == 0) continue;
-        vector[used].iov_base = const_cast<char*>(pieces[i].data + offset);
-        vector[used].iov_len = size;
-        ++used;
-        bytes += size;
+    cPosition end;
+};
+
+// Fills `vector` (room for `room` entries) with the bytes from `at` on, within the limits of
+// one call.
+cCall fill(iovec* vector, std::size_t room, cSendPiece const* pieces, std::size_t count, cPosition at) {
+    cCall call;
+    call.end = at;
+    while (call.end.index < count && call.used < room && call.bytes < kBytesPerCall) {
+        cSendPiece const& piece = pieces[call.end.index];
+        std::size_t const size = std::min(piece.size - call.end.offset, kBytesPerCall - call.bytes);
+        if (size > 0) {
+            vector[call.used].iov_base = const_cast<char*>(piece.data + call.end.offset);
+            vector[call.used].iov_len = size;
+            ++call.used;
+            call.bytes += size;
+        }
+        if (call.end.offset + size < piece.size) {
+            call.end.offset += size;  // the byte limit cut this piece
+        } else {
+            ++call.end.index;
+            call.end.offset = 0;
+        }
     }
-    return used;
+    return call;
 }
 
 // Moves `at` forward by `bytes` and past pieces that have nothing left.
@@ -75,9 +90,10 @@ std::uint64_t gSendPieces(cHandleValid const& handle, cSendPiece const* pieces, 
     cPosition at;
     advance(at, pieces, count, 0);
     while (at.index < count) {
+        cCall const call = fill(vector, room, pieces, count, at);
         msghdr message{};
         message.msg_iov = vector;
-        message.msg_iovlen = fill(vector, room, pieces, count, at);
+        message.msg_iovlen = call.used;
         ssize_t const n = ::sendmsg(fd, &message, MSG_NOSIGNAL);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) {
@@ -85,7 +101,12 @@ std::uint64_t gSendPieces(cHandleValid const& handle, cSendPiece const* pieces, 
             return sent;
         }
         sent += static_cast<std::uint64_t>(n);
-        advance(at, pieces, count, static_cast<std::size_t>(n));
+        if (static_cast<std::size_t>(n) == call.bytes) {
+            at = call.end;
+            advance(at, pieces, count, 0);  // past empty pieces
+        } else {
+            advance(at, pieces, count, static_cast<std::size_t>(n));
+        }
     }
     return sent;
 }

@@ -60,6 +60,19 @@ constexpr short kSubType = 4;
 
 // ---- the baseline ----------------------------------------------------------------------
 
+// One framed message through `exact` (which reads exactly n bytes): the header, then its body
+// into a fresh buffer.
+template <class Exact>
+bool receiveFramed(Exact exact, char*& body, int& length) {
+    c_MessageHeader header;
+    if (!exact(reinterpret_cast<char*>(&header), sizeof header)) return false;
+    length = static_cast<int32_t>(ntohl(static_cast<uint32_t>(header.bodyLength)));
+    body = new char[length];
+    if (exact(body, static_cast<size_t>(length))) return true;
+    delete[] body;
+    return false;
+}
+
 struct RawConnection {
     int fd = -1;
     ~RawConnection() {
@@ -95,15 +108,8 @@ struct RawConnection {
         }
         return true;
     }
-    // One message: the header, then its body into a fresh buffer.
     bool receive(char*& body, int& length) {
-        c_MessageHeader header;
-        if (!receiveExact(reinterpret_cast<char*>(&header), sizeof header)) return false;
-        length = static_cast<int32_t>(ntohl(static_cast<uint32_t>(header.bodyLength)));
-        body = new char[length];
-        if (receiveExact(body, static_cast<size_t>(length))) return true;
-        delete[] body;
-        return false;
+        return receiveFramed([this](char* into, size_t count) { return receiveExact(into, count); }, body, length);
     }
     void release(char* body) { delete[] body; }
 };
@@ -159,13 +165,7 @@ struct RawBatchConnection : RawConnection {
         return true;
     }
     bool receive(char*& body, int& length) {
-        c_MessageHeader header;
-        if (!take(reinterpret_cast<char*>(&header), sizeof header)) return false;
-        length = static_cast<int32_t>(ntohl(static_cast<uint32_t>(header.bodyLength)));
-        body = new char[length];
-        if (take(body, static_cast<size_t>(length))) return true;
-        delete[] body;
-        return false;
+        return receiveFramed([this](char* into, size_t count) { return take(into, count); }, body, length);
     }
 
   private:

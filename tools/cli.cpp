@@ -2,6 +2,10 @@
 
 #include "zepnames.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -211,6 +215,26 @@ std::pair<std::string, std::string> splitAddress(std::string const& text, std::s
     if (address.namePart.empty() || address.hostPart.empty() || text.find('@') == std::string::npos)
         throw UsageError(what + " must be NAME@HOST, not '" + text + "'");
     return {address.namePart, address.hostPart};
+}
+
+std::string peerName(int fd) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    char text[INET6_ADDRSTRLEN] = "";
+    if (::getpeername(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) return "a peer";
+    if (address.ss_family == AF_INET) {
+        auto const& in4 = reinterpret_cast<sockaddr_in const&>(address);
+        ::inet_ntop(AF_INET, &in4.sin_addr, text, sizeof text);
+        return std::string(text) + ":" + std::to_string(ntohs(in4.sin_port));
+    }
+    auto const& in6 = reinterpret_cast<sockaddr_in6 const&>(address);
+    std::string const port = std::to_string(ntohs(in6.sin6_port));
+    if (IN6_IS_ADDR_V4MAPPED(&in6.sin6_addr)) {  // an IPv4 peer of the dual-stack listener
+        ::inet_ntop(AF_INET, in6.sin6_addr.s6_addr + 12, text, sizeof text);
+        return std::string(text) + ":" + port;
+    }
+    ::inet_ntop(AF_INET6, &in6.sin6_addr, text, sizeof text);
+    return "[" + std::string(text) + "]:" + port;
 }
 
 }  // namespace colloquy

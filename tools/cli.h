@@ -67,6 +67,10 @@ std::string readAll(std::FILE* in);
 std::string readFile(std::string const& path);
 void writeAll(std::FILE* out, std::string_view bytes);
 
+// "address:port" of the far end of a connected socket, for report lines ("a peer" when the
+// socket has none).
+std::string peerName(int fd);
+
 // Splits "NAME@HOST" with the library's address rules (name and host both required).
 std::pair<std::string, std::string> splitAddress(std::string const& text, std::string const& what);
 

@@ -105,6 +105,38 @@ std::string describeBodyJson(std::string_view body) {
     return out;
 }
 
+namespace {
+
+// The length, type and subtype of an 8-byte header (big-endian, signed).
+struct HeaderFields {
+    int32_t length;
+    int16_t type, subType;
+};
+
+HeaderFields headerFields(std::string_view header) {
+    auto byte = [&](size_t i) { return static_cast<uint32_t>(static_cast<unsigned char>(header[i])); };
+    auto const length = byte(0) << 24 | byte(1) << 16 | byte(2) << 8 | byte(3);
+    return {static_cast<int32_t>(length), static_cast<int16_t>(byte(4) << 8 | byte(5)),
+            static_cast<int16_t>(byte(6) << 8 | byte(7))};
+}
+
+}  // namespace
+
+std::string messageText(std::string const& title, std::string_view header, std::optional<std::string_view> body) {
+    HeaderFields const h = headerFields(header);
+    return title + ": " + std::to_string(h.length) + " bytes, type " + std::to_string(h.type) + ", subtype " +
+           std::to_string(h.subType) + "\n  header: " + hexBytes(header.data(), header.size()) + "\n" +
+           (body ? describeBody(*body, "  ") : "  body: not shown (over --max-size)\n");
+}
+
+std::string messageJson(std::string const& members, std::string_view header, std::optional<std::string_view> body) {
+    HeaderFields const h = headerFields(header);
+    return "{" + members + ",\"length\":" + std::to_string(h.length) + ",\"type\":" + std::to_string(h.type) +
+           ",\"subType\":" + std::to_string(h.subType) +
+           ",\"header\":" + jsonString(hexBytes(header.data(), header.size())) +
+           (body ? describeBodyJson(*body) : ",\"bodyShown\":false") + "}\n";
+}
+
 int cmdPack(Words const& words) {
     Args const args(words, kEnvelopeOptions, {});
     if (!args.positional().empty()) throw UsageError("pack reads the body on standard input and takes no arguments");

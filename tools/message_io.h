@@ -32,6 +32,13 @@ std::optional<Envelope> readEnvelope(std::string_view packed);
 std::string describeBody(std::string_view body, std::string const& indent);
 std::string describeBodyJson(std::string_view body);
 
+// A framed message as listen and tap print it, from its 8 header bytes and its body (none:
+// the body was not kept). Text: "TITLE: N bytes, type T, subtype S", the header in hex and
+// what the body holds, indented. JSON: one object of `members`, then the message's, and a
+// line feed.
+std::string messageText(std::string const& title, std::string_view header, std::optional<std::string_view> body);
+std::string messageJson(std::string const& members, std::string_view header, std::optional<std::string_view> body);
+
 }  // namespace colloquy
 
 #endif

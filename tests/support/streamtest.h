@@ -53,6 +53,16 @@ class RawFd {
     ~RawFd() { reset(); }
     RawFd(RawFd const&) = delete;
     RawFd& operator=(RawFd const&) = delete;
+    RawFd(RawFd&& other) noexcept : mFd(other.release()) {}
+    RawFd& operator=(RawFd&& other) noexcept {
+        reset(other.release());
+        return *this;
+    }
+    int release() {
+        int const fd = mFd;
+        mFd = -1;
+        return fd;
+    }
     int get() const { return mFd; }
     void reset(int fd = -1) {
         if (mFd >= 0) ::close(mFd);
@@ -92,21 +102,37 @@ inline Bytes rawReceive(RawFd const& fd, size_t count) {
     return out;
 }
 
+// A raw listener on an ephemeral port of the loopback address; its port is stored in `port`.
+inline RawFd rawListener(unsigned short& port) {
+    RawFd listener(::socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (::bind(listener.get(), reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+        ::listen(listener.get(), 4) != 0 ||
+        ::getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0)
+        ADD_FAILURE() << "raw listener";
+    port = ntohs(address.sin_port);
+    return listener;
+}
+
+// The next connection on a raw listener, waited for within kPatience (-1 when none came).
+inline RawFd rawAccept(RawFd const& listener) {
+    if (!readable(listener.get())) {
+        ADD_FAILURE() << "raw accept timed out";
+        return RawFd();
+    }
+    return RawFd(::accept(listener.get(), nullptr, nullptr));
+}
+
 // A StreamSocket connected to a raw POSIX peer through a raw loopback listener.
 struct RawPeerPair {
     explicit RawPeerPair(nSock::cSocketOptions options = boundedOptions()) {
-        RawFd listener(::socket(AF_INET, SOCK_STREAM, 0));
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        if (::bind(listener.get(), reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-            ::listen(listener.get(), 1) != 0 ||
-            ::getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0)
-            ADD_FAILURE() << "raw listener";
-        socket.ConnectLocal(ntohs(address.sin_port), options);
-        if (!readable(listener.get())) ADD_FAILURE() << "raw accept timed out";
-        peer.reset(::accept(listener.get(), nullptr, nullptr));
+        unsigned short port = 0;
+        RawFd const listener = rawListener(port);
+        socket.ConnectLocal(port, options);
+        peer = rawAccept(listener);
     }
     StreamSocket socket;
     RawFd peer;

@@ -378,9 +378,9 @@ end
 local function show_envelope(ctx, tree, packed)
     local s = ctx.s
     local etree = add(ctx, tree, f.envelope, 1, packed.data_end)
-    add(ctx, etree, f.field_count, 1, packed.count_len, packed.count)
+    local count = add(ctx, etree, f.field_count, 1, packed.count_len, packed.count)
     for _, field in ipairs(packed.fields) do
-        add(ctx, etree, f.field_length, field.length_pos, field.length_len, field.len)
+        add(ctx, count, f.field_length, field.length_pos, field.length_len, field.len)
     end
     if packed.count ~= 8 then
         etree:add_proto_expert_info(e.field_count, packed.count .. " packed fields, not the eight of an envelope")

@@ -19,6 +19,7 @@ local DEFAULT_PORTS = "7870"
 local SHOWN_BYTES = 1024 -- a string field shows at most this many bytes of its value
 local MAX_PAIRS = 10000 -- pairs shown of one record, beyond which a note says how many were left
 local MAX_ITEMS = 50000 -- tree items of one message, beyond which the rest is shown raw
+local MAX_DEPTH = 64 -- the nesting depth preference's ceiling (the tree's own depth is bounded)
 
 local colloquy = Proto("colloquy", "Colloquy stream messages")
 
@@ -26,7 +27,7 @@ colloquy.prefs.ports = Pref.range("TCP ports", DEFAULT_PORTS, "TCP ports whose t
 colloquy.prefs.max_length = Pref.uint("Largest body (bytes)", 64 * 1024 * 1024,
     "A header announcing a longer body is taken as a broken stream")
 colloquy.prefs.max_depth = Pref.uint("Nesting depth", 8,
-    "Records inside values are shown as records down to this depth, deeper ones as plain values")
+    "Records inside values are shown as records down to this depth (at most 64), deeper ones as plain values")
 
 local f = {
     length = ProtoField.int32("colloquy.length", "Body length"),
@@ -208,19 +209,28 @@ local function read_packed(s)
     return packed
 end
 
+-- The position of the blank that ends a number token of the text form (1 to 18 characters)
+-- starting at i, looked for no further than `last`; or nil.
+local function token_end(s, i, last)
+    for k = i, math.min(last, i + 18) do
+        if s:byte(k) == 0x20 then return k end
+    end
+    return nil
+end
+
 -- A number token of the text form: 1 to 18 characters ended by a blank. Returns the token's
 -- text and the position after the blank, or nil and a reason.
 local function text_token(s, i, last)
-    local blank = s:find(" ", i, true)
-    if not blank or blank > last then return nil, "no blank after a number" end
-    if blank == i or blank - i > 18 then return nil, "a number of " .. (blank - i) .. " characters" end
+    local blank = token_end(s, i, last)
+    if not blank then return nil, "no blank within 19 bytes after a number's start" end
+    if blank == i then return nil, "an empty number" end
     return s:sub(i, blank - 1), blank + 1
 end
 
 -- True when s[i..last] starts like a text form: a count, a blank, then an apostrophe or the end.
 local function looks_like_record(s, i, last)
-    local count_end = s:find(" ", i, true)
-    if not count_end or count_end > last or count_end == i or count_end - i > 18 then return false end
+    local count_end = token_end(s, i, last)
+    if not count_end or count_end == i then return false end
     if not s:sub(i, count_end - 1):match("^%-?%d+$") then return false end
     return count_end == last or s:byte(count_end + 1) == 0x27
 end
@@ -333,9 +343,10 @@ show_value = function(ctx, tree, pos, len, depth)
     if len == 0 or not looks_like_record(s, pos, last) then return end
     local nested = read_record(s, pos, last)
     if not nested or nested.finish ~= last + 1 then return end
-    if depth + 1 > colloquy.prefs.max_depth then
+    local max_depth = math.min(colloquy.prefs.max_depth, MAX_DEPTH)
+    if depth + 1 > max_depth then
         if not ctx.depth_noted then
-            item:add_proto_expert_info(e.too_deep, "records nested deeper than " .. colloquy.prefs.max_depth
+            item:add_proto_expert_info(e.too_deep, "records nested deeper than " .. max_depth
                 .. " levels are shown as values")
             ctx.depth_noted = true
         end

@@ -62,29 +62,23 @@ for _, field in pairs(f) do
     table.insert(colloquy.fields, field)
 end
 
-local e = {
-    bad_length = ProtoExpert.new("colloquy.bad_length.expert", "Body length out of range: the stream cannot be framed",
-        expert.group.MALFORMED, expert.severity.ERROR),
-    unframed = ProtoExpert.new("colloquy.unframed.expert", "Bytes after a header that could not be framed",
-        expert.group.MALFORMED, expert.severity.WARN),
-    truncated = ProtoExpert.new("colloquy.truncated.expert", "Message shorter than its header announces",
-        expert.group.MALFORMED, expert.severity.ERROR),
-    bad_envelope = ProtoExpert.new("colloquy.bad_envelope.expert", "Malformed envelope",
-        expert.group.MALFORMED, expert.severity.ERROR),
-    field_count = ProtoExpert.new("colloquy.field_count.expert", "Packed fields, but not the eight of an envelope",
-        expert.group.PROTOCOL, expert.severity.WARN),
-    bad_record = ProtoExpert.new("colloquy.bad_record.expert", "Malformed record text form",
-        expert.group.MALFORMED, expert.severity.ERROR),
-    too_deep = ProtoExpert.new("colloquy.too_deep.expert", "Records nested deeper than the bound shown as values",
-        expert.group.COMMENTS_GROUP, expert.severity.NOTE),
-    too_many = ProtoExpert.new("colloquy.too_many.expert", "More items than are shown",
-        expert.group.COMMENTS_GROUP, expert.severity.NOTE),
-    fault = ProtoExpert.new("colloquy.fault.expert", "Dissector fault",
-        expert.group.UNDECODED, expert.severity.ERROR),
-}
+-- Expert info: name, summary, group, severity.
+local e = {}
 colloquy.experts = {}
-for _, info in pairs(e) do
-    table.insert(colloquy.experts, info)
+for _, info in ipairs({
+    {"bad_length", "Body length out of range: the stream cannot be framed", "MALFORMED", "ERROR"},
+    {"unframed", "Bytes after a header that could not be framed", "MALFORMED", "WARN"},
+    {"truncated", "Message shorter than its header announces", "MALFORMED", "ERROR"},
+    {"bad_envelope", "Malformed envelope", "MALFORMED", "ERROR"},
+    {"field_count", "Packed fields, but not the eight of an envelope", "PROTOCOL", "WARN"},
+    {"bad_record", "Malformed record text form", "MALFORMED", "ERROR"},
+    {"too_deep", "Records nested deeper than the bound shown as values", "COMMENTS_GROUP", "NOTE"},
+    {"too_many", "More items than are shown", "COMMENTS_GROUP", "NOTE"},
+    {"fault", "Dissector fault", "UNDECODED", "ERROR"},
+}) do
+    local name, summary, group, severity = info[1], info[2], info[3], info[4]
+    e[name] = ProtoExpert.new("colloquy." .. name .. ".expert", summary, expert.group[group], expert.severity[severity])
+    table.insert(colloquy.experts, e[name])
 end
 
 -- ---------------------------------------------------------------------------------------------

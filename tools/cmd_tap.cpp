@@ -9,6 +9,7 @@
 #include "nsocket.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <algorithm>
@@ -250,6 +251,11 @@ int cmdTap(Words const& words) {
     Printer printer(args.flag("--json"));
 
     nSock::cHandleValid const listener = nSock::gCreateListener(listenPort);
+    // Accepting never waits: poll tells when a connection is there, and one that went away
+    // before it was taken must not hold up the loop.
+    ::fcntl(listener.descriptor(), F_SETFL, ::fcntl(listener.descriptor(), F_GETFL) | O_NONBLOCK);
+    nSock::cSocketOptions acceptNow;
+    acceptNow.receiveTimeout = nTime::cDiff::fromMilliseconds(0);  // the accept's wait; tap reads raw
     std::fprintf(stderr, "listening on port %u\n", nSock::gLocalPort(listener));
     std::list<Connection> live;
     long long accepted = 0;
@@ -265,8 +271,7 @@ int cmdTap(Words const& words) {
         pollfd ready{listener.descriptor(), POLLIN, 0};
         if (::poll(&ready, 1, kAcceptPollMs) <= 0) continue;
         try {
-            Connection& c =
-                live.emplace_back(static_cast<int>(accepted + 1), nSock::gAccept(listener, nSock::cSocketOptions()));
+            Connection& c = live.emplace_back(static_cast<int>(accepted + 1), nSock::gAccept(listener, acceptNow));
             ++accepted;
             try {
                 c.thread = std::thread(relay, std::ref(c), std::cref(target), std::ref(printer));
@@ -276,6 +281,8 @@ int cmdTap(Words const& words) {
                 throw;
             }
         } catch (std::exception const& e) {
+            auto const* socketError = dynamic_cast<nSock::cSocketException const*>(&e);
+            if (socketError && socketError->systemError() == ETIMEDOUT) continue;  // gone before it was taken
             // Out of descriptors or threads: this client is turned away; the next try comes later.
             std::fputs(errorLine("tap", std::string("accept failed: ") + e.what()).c_str(), stderr);
             std::this_thread::sleep_for(std::chrono::milliseconds(kAcceptPollMs));

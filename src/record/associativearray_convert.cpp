@@ -46,7 +46,7 @@ size_t lengthOf(char const* text, int length) { return length < 0 ? std::strlen(
 struct cConversion {
     unsigned from;
     unsigned to;
-    bool old;  // gConvertOld_patch: NUL-terminated pieces, no pairs for a count <= 0
+    bool old;  // gConvertOld_patch: no pairs and no record for a count <= 0
     std::string_view whole;
 
     char const* name() const { return old ? "gConvertOld_patch" : "gConvertX1Internal_patch"; }
@@ -94,11 +94,9 @@ bool convertForm(cConversion const& c, std::string_view text, size_t offset, int
     for (int pair = 0; c.old ? pair < count : pair != count; ++pair) {
         std::string_view key, value;
         if (!nAssoText::readPiece(cursor, key, form.syntaxError)) return false;
-        if (c.old) key = nAssoText::upToNul(key);
         nAssoText::appendPrefix(form.text, key.size());
         form.text.append(key);
         if (!nAssoText::readPiece(cursor, value, form.syntaxError)) return false;
-        if (c.old) value = nAssoText::upToNul(value);
         RWCString converted;
         size_t const valueOffset = offset + static_cast<size_t>(value.data() - text.data());
         form.allConverted &= convertText(c, value, converted, valueOffset, depth + 1);
@@ -180,17 +178,12 @@ bool gConvertX1_patch(unsigned int fromCodePage, unsigned int toCodePage, char c
     return gConvertX1Internal_patch(fromCodePage, toCodePage, text, length, out, text, length, 0);
 }
 
-namespace {
-
-bool convertOld(unsigned int fromCodePage, unsigned int toCodePage, std::string_view text, RWCString& out) {
-    cConversion const c{fromCodePage, toCodePage, true, text};
-    return convertText(c, text, out, 0, 0);
-}
-
-}  // namespace
-
+// The text ends at its first NUL, so no piece of it holds one.
 bool gConvertOld_patch(unsigned int fromCodePage, unsigned int toCodePage, char const* text, RWCString& out) {
-    return text && convertOld(fromCodePage, toCodePage, std::string_view(text), out);
+    if (!text) return false;
+    std::string_view const whole(text);
+    cConversion const c{fromCodePage, toCodePage, true, whole};
+    return convertText(c, whole, out, 0, 0);
 }
 
 bool gConvert_patch(int mode, unsigned int fromCodePage, unsigned int toCodePage, char const* text, int length,
@@ -201,9 +194,9 @@ bool gConvert_patch(int mode, unsigned int fromCodePage, unsigned int toCodePage
             out.assign(text, lengthOf(text, length));
             return true;
         case 1:
-            // The old converter given a length: the length bounds the text instead of its first
-            // NUL, so that pieces holding NUL bytes are read whole (and then cut at the NUL).
-            return text && convertOld(fromCodePage, toCodePage, std::string_view(text, lengthOf(text, length)), out);
+            // The old converter knows no length: the text ends at its first NUL, whatever
+            // `length` says.
+            return gConvertOld_patch(fromCodePage, toCodePage, text, out);
         case 2:
             return gConvertX1_patch(fromCodePage, toCodePage, text, length, out);
         default:

@@ -2,8 +2,6 @@
 
 #include "Log.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <cstring>
 #include <memory>
@@ -70,7 +68,7 @@ bool StreamSocket::SendTypedMessageZ2(short type, short subType, const char* dat
 int StreamSocket::GetMessageHeaderZ1(c_MessageHeader* header, nSock::iLatencyConfiguration* latency) {
     COLLOQUY_LOG(nColloquy::sTraceTag_, kModule);
     if (!ReadDataZ1(sizeof *header, reinterpret_cast<char*>(header), false, latency)) return -1;
-    return static_cast<int32_t>(ntohl(static_cast<uint32_t>(header->bodyLength)));
+    return gBodyLengthOf(*header);
 }
 
 bool StreamSocket::WaitTypedMessageZ1(short& type, short& subType, char*& data, int& length,
@@ -89,7 +87,7 @@ bool StreamSocket::WaitTypedMessageZ1(short& type, short& subType, char*& data, 
         data = body;
     }
     length = n;
-    type = static_cast<short>(ntohs(static_cast<uint16_t>(header.messageType)));
-    subType = static_cast<short>(ntohs(static_cast<uint16_t>(header.messageSubType)));
+    type = gMessageTypeOf(header);
+    subType = gMessageSubTypeOf(header);
     return true;
 }

@@ -178,14 +178,7 @@ RWHashDictionary::~RWHashDictionary() = default;
 RWClassID RWHashDictionary::isA() const { return __RWHASHDICTIONARY; }
 
 void RWHashDictionary::clearAndDestroy() {
-    std::unique_ptr<cSlot[]> slots = std::move(mSlots);
-    size_t const capacity = mCapacity;
-    clear();
-    for (size_t i = 0; i < capacity; ++i) {
-        if (slots[i].state != kFull) continue;
-        if (slots[i].value != slots[i].key) delete slots[i].value;
-        delete slots[i].key;
-    }
+    clearAndDestroyWith([](RWCollectable* object) { delete object; });
 }
 
 RWCollectable* RWHashDictionary::insert(RWCollectable* key) {

@@ -43,7 +43,7 @@ class COLLOQUY_EXPORT RWHashDictionary : public RWHashTable {
     template <class Matches>
     RWCollectable* findValueIf(unsigned hash, Matches&& matches) const {
         long i = findSlot(hash, matches);
-        return i < 0 ? nullptr : mSlots[i].value;
+        return i < 0 ? nullptr : mSlots[static_cast<size_t>(i)].value;
     }
     // Adding or replacing in one probe. When a pair is found as by findValueIf, `value` takes
     // the place of its value: the old value is put in `old` and the stored key returned. Else

@@ -125,7 +125,8 @@ c_Pack::c_Pack(char const* data0, int len0, ...) {
 
     // The nominal end is sum + 100; a longer header still gets room but is reported.
     thePackedLength = static_cast<int>(sum);
-    theBuffer = PCKAlloc(static_cast<unsigned int>(sum + std::max<long long>(headerLength, kHeaderRoom)));
+    theBuffer = PCKAlloc(
+        static_cast<unsigned int>(sum + std::max<long long>(static_cast<long long>(headerLength), kHeaderRoom)));
     char* write = PCKGetDataVar(theBuffer);
     char const* const limit = write + sum + kHeaderRoom;
     std::memcpy(write, header, headerLength);

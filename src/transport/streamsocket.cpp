@@ -78,7 +78,7 @@ bool StreamSocket::WaitTypedMessageZ1(short& type, short& subType, char*& data, 
     int const n = GetMessageHeaderZ1(&header, latency);
     if (n < 0) return false;
     if (n > 0) {
-        char* body = new char[n];
+        char* body = new char[static_cast<size_t>(n)];
         // On failure the body buffer is kept, not released: a reader that lost its place in the
         // stream closes the connection, and the buffer stays with the failed read (deliberate).
         if (!ReadDataZ1(n, body, true, latency)) return false;

@@ -60,30 +60,38 @@ long long parseNumber(std::string const& text, long long min, long long max, std
     return v;
 }
 
+namespace {
+
+// Appends the two lowercase hex digits of `byte`: every hex form the tool prints is made here.
+void appendHex(std::string& out, unsigned char byte) {
+    static char const kDigits[] = "0123456789abcdef";
+    out.push_back(kDigits[byte >> 4]);
+    out.push_back(kDigits[byte & 15]);
+}
+
+}  // namespace
+
 std::string escapeBytes(std::string_view bytes) {
-    static char const kHex[] = "0123456789abcdef";
     std::string out;
     out.reserve(bytes.size());
-    for (unsigned char c : bytes) {
+    for (char const ch : bytes) {
+        auto const c = static_cast<unsigned char>(ch);
         if (c >= 0x20 && c < 0x7F && c != '\\') {
             out.push_back(static_cast<char>(c));
         } else {
             out += "\\x";
-            out.push_back(kHex[c >> 4]);
-            out.push_back(kHex[c & 15]);
+            appendHex(out, c);
         }
     }
     return out;
 }
 
 std::string hexBytes(void const* data, size_t n) {
-    static char const kHex[] = "0123456789abcdef";
     std::string out;
     auto const* p = static_cast<unsigned char const*>(data);
     for (size_t i = 0; i < n; ++i) {
         if (i) out.push_back(' ');
-        out.push_back(kHex[p[i] >> 4]);
-        out.push_back(kHex[p[i] & 15]);
+        appendHex(out, p[i]);
     }
     return out;
 }
@@ -146,7 +154,6 @@ size_t utf8SequenceAt(std::string_view s) {
 }  // namespace
 
 std::string jsonString(std::string_view bytes) {
-    static char const kHex[] = "0123456789abcdef";
     std::string out = "\"";
     for (size_t i = 0; i < bytes.size(); ++i) {
         auto const c = static_cast<unsigned char>(bytes[i]);
@@ -160,8 +167,7 @@ std::string jsonString(std::string_view bytes) {
             i += n - 1;
         } else {
             out += "\\u00";
-            out.push_back(kHex[c >> 4]);
-            out.push_back(kHex[c & 15]);
+            appendHex(out, c);
         }
     }
     out.push_back('"');

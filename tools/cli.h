@@ -2,6 +2,7 @@
 #ifndef COLLOQUY_TOOLS_CLI_H
 #define COLLOQUY_TOOLS_CLI_H
 
+#include <cstddef>
 #include <cstdio>
 #include <map>
 #include <optional>
@@ -12,6 +13,9 @@
 #include <vector>
 
 namespace colloquy {
+
+// The most bytes a text form, a body or a packed message can have: the library counts them in ints.
+constexpr size_t kMaxLength = 0x7fffffff;
 
 // Bad command line: one line on standard error, exit status 2.
 struct UsageError : std::runtime_error {

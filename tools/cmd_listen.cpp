@@ -7,7 +7,6 @@
 #include "nsocket.h"
 #include "streamsocket.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -81,7 +80,7 @@ class Server {
                 data += part;
                 n -= part;
                 if (c.headerBytes < sizeof c.header) break;
-                c.length = ntohl(static_cast<uint32_t>(c.header.bodyLength));
+                c.length = static_cast<uint32_t>(gBodyLengthOf(c.header));
                 if (c.length > static_cast<unsigned long long>(mSettings.maxSize))
                     return "peer announced a " + std::to_string(c.length) + "-byte message, over --max-size " +
                            std::to_string(mSettings.maxSize);
@@ -132,7 +131,7 @@ int cmdListen(Words const& words) {
     if (args.positional().size() != 1) throw UsageError("listen needs PORT");
     auto const port = static_cast<unsigned short>(parseNumber(args.positional()[0], 0, 65535, "PORT"));
     Settings const settings{
-        args.number("--count", 0, 0, 1LL << 40), args.number("--max-size", kDefaultMaxSize, 0, 0x7fffffff),
+        args.number("--count", 0, 0, 1LL << 40), args.number("--max-size", kDefaultMaxSize, 0, kMaxLength),
         std::chrono::seconds(args.number("--timeout", kDefaultTimeout, 1, 86400)),
         static_cast<size_t>(args.number("--max-connections", kDefaultConnections, 1, 1000)), args.flag("--json")};
 

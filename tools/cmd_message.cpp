@@ -1,8 +1,10 @@
 // pack and unpack: the message envelope from and to a shell.
 #include "commands.h"
 #include "message_io.h"
+#include "msghdr.h"
 #include "netmsg.h"
 
+#include <cstring>
 #include <memory>
 
 namespace colloquy {
@@ -20,14 +22,14 @@ std::string packEnvelope(Args const& args, std::string const& body) {
     auto const [fromName, fromHost] = splitAddress(*args.option("--from"), "--from");
     auto const qType = static_cast<int>(args.number("--qtype", 0, INT32_MIN, INT32_MAX));
     auto const userValue = static_cast<unsigned>(args.number("--user-value", 0, 0, UINT32_MAX));
-    if (body.size() > 0x7fffffff) throw Failure("body too large");
+    if (body.size() > kMaxLength) throw Failure("body too large");
     cColloquyMessage message(userValue, toHost.c_str(), toName.c_str(), fromHost.c_str(), fromName.c_str(),
                              static_cast<QType>(qType), 0, 0, body.data(), static_cast<unsigned>(body.size()));
     return std::string(message.packedBuffer, message.packedLen);
 }
 
 std::optional<Envelope> readEnvelope(std::string_view packed) {
-    if (packed.empty() || packed.size() > 0x7fffffff) return std::nullopt;
+    if (packed.empty() || packed.size() > kMaxLength) return std::nullopt;
     cColloquyMessage const message(packed.data(), static_cast<unsigned>(packed.size()), 0, 0);
     // A message of eight well-formed fields packs again into exactly the bytes it came from; a
     // malformed buffer (mapped to empty fields) or one of another field count does not.
@@ -81,7 +83,7 @@ std::string describeBody(std::string_view body, std::string const& indent) {
         content = envelope->body;
     }
     Pairs pairs;
-    if (!content.empty() && tryReadTextForm(content, pairs)) {
+    if (!content.empty() && tryDecodeTextForm(content, pairs)) {
         out += indent + "pairs: " + std::to_string(pairs.size()) + "\n" + pairLines(pairs, indent + "  ");
     } else if (!content.empty()) {
         out += indent + "body: " + rawLine(content) + "\n";
@@ -98,29 +100,18 @@ std::string describeBodyJson(std::string_view body) {
         content = envelope->body;
     }
     Pairs pairs;
-    if (!content.empty() && tryReadTextForm(content, pairs))
+    if (!content.empty() && tryDecodeTextForm(content, pairs))
         out += ",\"pairs\":" + pairsJson(pairs);
     else
         out += ",\"body\":" + jsonString(content);
     return out;
 }
 
-namespace {
-
-// The length, type and subtype of an 8-byte header (big-endian, signed).
-struct HeaderFields {
-    int32_t length;
-    int16_t type, subType;
-};
-
 HeaderFields headerFields(std::string_view header) {
-    auto byte = [&](size_t i) { return static_cast<uint32_t>(static_cast<unsigned char>(header[i])); };
-    auto const length = byte(0) << 24 | byte(1) << 16 | byte(2) << 8 | byte(3);
-    return {static_cast<int32_t>(length), static_cast<int16_t>(byte(4) << 8 | byte(5)),
-            static_cast<int16_t>(byte(6) << 8 | byte(7))};
+    c_MessageHeader fields;
+    std::memcpy(&fields, header.data(), sizeof fields);
+    return {gBodyLengthOf(fields), gMessageTypeOf(fields), gMessageSubTypeOf(fields)};
 }
-
-}  // namespace
 
 std::string messageText(std::string const& title, std::string_view header, std::optional<std::string_view> body) {
     HeaderFields const h = headerFields(header);
@@ -162,7 +153,7 @@ int cmdUnpack(Words const& words) {
                              "\nformat: " + std::to_string(envelope->formatStamp) +
                              "\nbody: " + std::to_string(envelope->body.size()) + " bytes\n");
         Pairs pairs;
-        if (!envelope->body.empty() && tryReadTextForm(envelope->body, pairs))
+        if (!envelope->body.empty() && tryDecodeTextForm(envelope->body, pairs))
             writeAll(stdout, "pairs: " + std::to_string(pairs.size()) + "\n" + pairLines(pairs, "  "));
     }
     return 0;

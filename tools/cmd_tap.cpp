@@ -8,7 +8,6 @@
 #include "message_io.h"
 #include "nsocket.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -135,11 +134,7 @@ class Framer {
         }
     }
 
-    int32_t bodyLength() const {
-        uint32_t length;
-        std::copy_n(mHeader.data(), sizeof length, reinterpret_cast<char*>(&length));
-        return static_cast<int32_t>(ntohl(length));
-    }
+    int32_t bodyLength() const { return headerFields(mHeader).length; }
 
     void finishMessage() {
         ++mCount;
@@ -246,7 +241,7 @@ int cmdTap(Words const& words) {
     auto const listenPort = static_cast<unsigned short>(parseNumber(args.positional()[0], 0, 65535, "LISTEN_PORT"));
     Target const target{args.positional()[1],
                         static_cast<unsigned short>(parseNumber(args.positional()[2], 1, 65535, "PORT")),
-                        args.number("--max-size", kDefaultMaxSize, 0, 0x7fffffff)};
+                        args.number("--max-size", kDefaultMaxSize, 0, kMaxLength)};
     long long const limit = args.number("--connections", 0, 0, 1LL << 40);  // 0: until interrupted
     Printer printer(args.flag("--json"));
 

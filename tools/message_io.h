@@ -6,6 +6,7 @@
 #include "cli.h"
 #include "record_io.h"
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -31,6 +32,13 @@ std::optional<Envelope> readEnvelope(std::string_view packed);
 // What a message body holds, in text lines (each starting with `indent`) or as JSON members.
 std::string describeBody(std::string_view body, std::string const& indent);
 std::string describeBodyJson(std::string_view body);
+
+// The length, type and subtype of the 8 header bytes of a framed message, as msghdr.h reads them.
+struct HeaderFields {
+    int32_t length;
+    short type, subType;
+};
+HeaderFields headerFields(std::string_view header);
 
 // A framed message as listen and tap print it, from its 8 header bytes and its body (none:
 // the body was not kept). Text: "TITLE: N bytes, type T, subtype S", the header in hex and

@@ -32,14 +32,6 @@ class COLLOQUY_EXPORT RWHashTable : public RWCollection {
     // Makes room for `count` items in all, so that adding up to that many rehashes no more.
     void reserve(size_t count);
 
-    // Lookup without a key object: `hash` is what the stored item's hash() gives, and
-    // `matches(RWCollectable const*)` decides among the items with that hash.
-    template <class Matches>
-    RWCollectable* findIf(unsigned hash, Matches&& matches) const {
-        long i = findSlot(hash, matches);
-        return i < 0 ? nullptr : mSlots[i].key;
-    }
-
   protected:
     friend class RWHashTableIterator;
     friend class RWHashDictionaryIterator;

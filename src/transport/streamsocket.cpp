@@ -2,8 +2,6 @@
 
 #include "Log.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <cstring>
 #include <memory>
@@ -70,7 +68,7 @@ bool StreamSocket::SendTypedMessageZ2(short type, short subType, const char* dat
 int StreamSocket::GetMessageHeaderZ1(c_MessageHeader* header, nSock::iLatencyConfiguration* latency) {
     COLLOQUY_LOG(nColloquy::sTraceTag_, kModule);
     if (!ReadDataZ1(sizeof *header, reinterpret_cast<char*>(header), false, latency)) return -1;
-    return static_cast<int32_t>(ntohl(static_cast<uint32_t>(header->bodyLength)));
+    return gBodyLengthOf(*header);
 }
 
 bool StreamSocket::WaitTypedMessageZ1(short& type, short& subType, char*& data, int& length,
@@ -80,7 +78,7 @@ bool StreamSocket::WaitTypedMessageZ1(short& type, short& subType, char*& data, 
     int const n = GetMessageHeaderZ1(&header, latency);
     if (n < 0) return false;
     if (n > 0) {
-        char* body = new char[n];
+        char* body = new char[static_cast<size_t>(n)];
         // On failure the body buffer is kept, not released: a reader that lost its place in the
         // stream closes the connection, and the buffer stays with the failed read (deliberate).
         if (!ReadDataZ1(n, body, true, latency)) return false;
@@ -89,7 +87,7 @@ bool StreamSocket::WaitTypedMessageZ1(short& type, short& subType, char*& data, 
         data = body;
     }
     length = n;
-    type = static_cast<short>(ntohs(static_cast<uint16_t>(header.messageType)));
-    subType = static_cast<short>(ntohs(static_cast<uint16_t>(header.messageSubType)));
+    type = gMessageTypeOf(header);
+    subType = gMessageSubTypeOf(header);
     return true;
 }

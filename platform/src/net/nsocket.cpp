@@ -122,8 +122,8 @@ bool cSocketState::release() {
     return fd >= 0 && ::close(fd) == 0;
 }
 
-int cHandleValid::descriptor() const { return gDescriptorOf(mState.get()); }
-int cHandleOptional::descriptor() const { return gDescriptorOf(mState.get()); }
+int cHandleValid::descriptor() const { return descriptorOf(mState.get()); }
+int cHandleOptional::descriptor() const { return descriptorOf(mState.get()); }
 
 iLatencyConfiguration::~iLatencyConfiguration() = default;
 cFixedLatencyConfiguration::~cFixedLatencyConfiguration() = default;
@@ -168,7 +168,7 @@ bool gSend(cHandleValid const& handle, int count, char const* buffer) {
 
 bool gReceive(cHandleValid const& handle, int count, char* buffer, bool continuation, iLatencyConfiguration* latency) {
     cSocketState* state = cHandleAccess::state(handle);
-    int fd = gDescriptorOf(state);
+    int fd = descriptorOf(state);
     if (fd < 0 || count < 0 || (count > 0 && buffer == nullptr)) return false;
     if (count == 0) return true;
     std::size_t wanted = static_cast<std::size_t>(count);
@@ -183,7 +183,7 @@ bool gReceive(cHandleValid const& handle, int count, char* buffer, bool continua
 
 bool gClose(cHandleValid const& handle) {
     cSocketState* state = cHandleAccess::state(handle);
-    int fd = gDescriptorOf(state);
+    int fd = descriptorOf(state);
     if (fd < 0) return false;
     // Shutting down first ends the connection for every process that shares the descriptor
     // and wakes a thread that is blocked receiving on it.

@@ -38,7 +38,7 @@ struct cHandleAccess {
 };
 
 // The descriptor of a handle, -1 when there is none or it was closed.
-inline int gDescriptorOf(cSocketState const* state) {
+inline int descriptorOf(cSocketState const* state) {
     return state ? state->descriptor.load(std::memory_order_relaxed) : -1;
 }
 

@@ -35,6 +35,10 @@ TEST(CodePage, ConvertsByteExactly) {
     EXPECT_EQ(convert(20866, 65001, "\xc1"), "\xd0\xb0");        // KOI8-R
     EXPECT_EQ(convert(932, 65001, "\x82\xa0"), "\xe3\x81\x82");  // Shift-JIS, two bytes
     EXPECT_EQ(convert(28605, 65001, "\xa4"), "\xe2\x82\xac");    // ISO-8859-15
+    // Output three times the input outgrows the first buffer, with room left for part of a character.
+    std::string euros;
+    for (int i = 0; i < 200; ++i) euros += "\xe2\x82\xac";
+    EXPECT_EQ(convert(1252, 65001, std::string(200, '\x80')), euros);
     // An explicit length: bytes past it are not read, NUL bytes inside it are converted.
     EXPECT_EQ(convert(1252, 65001, std::string("\xe9zz", 3), 1), "\xc3\xa9");
     EXPECT_EQ(convert(1252, 65001, std::string("a\0\xe9", 3), 3), std::string("a\0\xc3\xa9", 4));

@@ -100,8 +100,8 @@ TEST(Log, CapturesSeeRecordsOfOtherThreads) {
 // Runs the probe program with the given environment, its log going to `logFile`; returns its
 // standard output.
 std::string runProbe(std::string const& environment, std::string const& logFile) {
-    std::string const command = "env -u COLLOQUY_LOG -u COLLOQUY_LOG_FILE " + environment + " COLLOQUY_LOG_FILE='" +
-                                logFile + "' " + LOG_PROBE_PATH;
+    std::string const command = "timeout 20 env -u COLLOQUY_LOG -u COLLOQUY_LOG_FILE " + environment +
+                                " COLLOQUY_LOG_FILE='" + logFile + "' " + LOG_PROBE_PATH;
     FILE* pipe = ::popen(command.c_str(), "r");
     if (!pipe) return "popen failed";
     std::string out;
@@ -131,6 +131,8 @@ TEST(Log, TheEnvironmentChoosesTheTagsAndTheFile) {
     EXPECT_EQ(gReadFile(path).find("Error"), std::string::npos);
     EXPECT_EQ(runProbe("COLLOQUY_LOG=all", path), "Error Warning Trace Execution ColloquyT \n");
     EXPECT_EQ(runProbe("COLLOQUY_LOG=none", path), "\n");
+    // A failing output loses the records and nothing else.
+    EXPECT_EQ(runProbe("", "/dev/full"), "Error Warning Execution \n");
     std::remove(name);
 }
 

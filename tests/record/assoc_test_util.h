@@ -1,4 +1,4 @@
-// The pairs of a record as a sorted map, for the record tests.
+// The pairs of a record as a sorted map, and the texts of captured records, for the record tests.
 #ifndef ASSOC_TEST_UTIL_H
 #define ASSOC_TEST_UTIL_H
 
@@ -8,6 +8,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 namespace assoctest {
 
@@ -17,12 +18,16 @@ using Pairs = std::map<std::string, std::string>;
 inline Pairs pairsOf(CAssociativeArray& record) {
     Pairs pairs;
     RWHashDictionaryIterator next(record);
-    while (RWCollectable* key = next()) {
-        auto const& k = static_cast<RWCollectableString const&>(*key);
-        auto const& v = static_cast<RWCollectableString const&>(*next.value());
-        pairs.emplace(k.stdString(), v.stdString());
-    }
+    while (RWCollectable* key = next())
+        pairs.emplace(static_cast<RWCollectableString const&>(*key).stdString(),
+                      static_cast<RWCollectableString const&>(*next.value()).stdString());
     return pairs;
+}
+
+inline std::vector<std::string> texts(nTagScope::ErrorRecords const& records) {
+    std::vector<std::string> texts;
+    for (nLog::cRecord const& r : records.records()) texts.push_back(r.text);
+    return texts;
 }
 
 }  // namespace assoctest

@@ -8,7 +8,6 @@
 
 #include <unistd.h>
 #include <cstdio>
-#include <fstream>
 #include <optional>
 #include <thread>
 #include <vector>
@@ -17,7 +16,6 @@ using namespace std::string_literals;
 using assoctest::Pairs;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using ::testing::StartsWith;
 
 namespace {
 
@@ -31,9 +29,7 @@ struct Mode {
     std::optional<std::string> converted;                  // ConvertX0 of kText; none when it fails
     Pairs read;                                            // what FromStringConvert reads from kText
     ::testing::Matcher<std::vector<std::string>> records;  // the Error texts both write
-};
-
-Mode const kModes[] = {
+} const kModes[] = {
     // No setting: no conversion, every byte kept.
     {0,
      "[Other]\nSomethingElse=2\n",
@@ -52,7 +48,7 @@ Mode const kModes[] = {
      "ColloquyAnsiConversion_patch=7\n",
      std::nullopt,
      {},
-     ElementsAre("", "", StartsWith("FromStringConvert"), ::testing::_, "0\t")},
+     ElementsAre("", "", "FromStringConvert: conversion failed, mode\t7\t1252\t65001", ::testing::_, "0\t")},
 };
 
 Mode const& thisMode() {
@@ -69,7 +65,7 @@ class VantageEnvironment : public ::testing::Environment {
     void SetUp() override {
         gDirectory = gScratchDirectory("convert_mode");
         ASSERT_FALSE(gDirectory.empty());
-        std::ofstream(vantagePath(), std::ios::binary) << thisMode().ini;
+        gWriteFile(vantagePath(), thisMode().ini);
         setenv("QR_BIN", gDirectory.c_str(), 1);
         // A settings file in the working directory would be found first.
         ASSERT_NE(access("vantage.ini", F_OK), 0) << "unexpected vantage.ini in the working directory";
@@ -82,10 +78,10 @@ class VantageEnvironment : public ::testing::Environment {
 
 ::testing::Environment* const gEnvironment = ::testing::AddGlobalTestEnvironment(new VantageEnvironment);
 
-// ConvertX0 and FromStringConvert behave as the mode of this process says.
-void expectTheMode(Mode const& m) {
-    TagScope error("Error", true);
-    nLog::cCapture capture;
+TEST(ConversionMode, ConvertersFollowTheSettingsFile) {
+    Mode const& m = thisMode();
+    EXPECT_EQ(gColloquyAnsiConversion__patch(), CONVERT_MODE);
+    nTagScope::ErrorRecords errors;
     RWCString out("untouched");
     EXPECT_EQ(CAssociativeArray::ConvertX0(1252, 65001, kText.data(), static_cast<int>(kText.size()), out),
               m.converted.has_value());
@@ -99,18 +95,11 @@ void expectTheMode(Mode const& m) {
                      CIllegalAssoSyntaxException);
     }
     EXPECT_EQ(assoctest::pairsOf(record), m.read);
-    std::vector<std::string> texts;
-    for (nLog::cRecord const& r : capture.records()) texts.push_back(r.text);
-    EXPECT_THAT(texts, m.records);
+    EXPECT_THAT(assoctest::texts(errors), m.records);
     // ConvertZ38 is the current converter whatever the mode; a null text fails in every mode.
     EXPECT_TRUE(CAssociativeArray::ConvertZ38(1252, 65001, "1 '1 k '1 \xe9 ", out));
     EXPECT_EQ(out.stdString(), "1 '1 k '2 \xc3\xa9 ");
     EXPECT_FALSE(CAssociativeArray::ConvertX0(1252, 65001, nullptr, 3, out));
-}
-
-TEST(ConversionMode, ConvertersFollowTheSettingsFile) {
-    EXPECT_EQ(gColloquyAnsiConversion__patch(), CONVERT_MODE);
-    expectTheMode(thisMode());
 }
 
 TEST(ConversionMode, TheSwitchIsReadOnce) {
@@ -120,10 +109,8 @@ TEST(ConversionMode, TheSwitchIsReadOnce) {
         threads.emplace_back([&seen, i] { seen[i] = gColloquyAnsiConversion__patch(); });
     for (std::thread& t : threads) t.join();
     EXPECT_EQ(seen, std::vector<int>(8, CONVERT_MODE));
-
     int const other = CONVERT_MODE == 0 ? 2 : 0;
-    std::ofstream(vantagePath(), std::ios::binary | std::ios::trunc)
-        << "ColloquyAnsiConversion_patch=" << other << "\n";
+    gWriteFile(vantagePath(), "ColloquyAnsiConversion_patch=" + std::to_string(other) + "\n");
     EXPECT_EQ(gColloquyAnsiConversionInit__patch::_(), other);  // the file did change...
     EXPECT_EQ(gColloquyAnsiConversion__patch(), CONVERT_MODE);  // ...the process keeps its mode
 }

@@ -230,14 +230,14 @@ TEST_F(RegistryTest, MissingClientOrTableIsReported) {
         EXPECT_EQ(errors.count(), 3u);
     }
     EXPECT_EQ(errors.count(), 4u);
-}
-
-TEST_F(RegistryTest, SerialNumbersNamesAndIdentity) {
+    // Serial numbers count up from 1 over every client and server; names are virtual.
     TestClient first;
     ServerObj second(0);  // a bucket count below 1 is taken as 1
     EXPECT_EQ(second.value(), first.value() + 1);
     EXPECT_GT(first.value(), 0);
-    EXPECT_STREQ(static_cast<ValidateObject const&>(second).nameOf(), "ServerObj");  // virtual
+    EXPECT_STREQ(static_cast<ValidateObject const&>(second).nameOf(), "ServerObj");
+    EXPECT_STREQ(static_cast<ValidateObject const&>(first).nameOf(), "ClientObj");
+    EXPECT_EQ(first.valid(), 1);
 }
 
 }  // namespace

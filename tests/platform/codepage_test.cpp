@@ -27,6 +27,13 @@ TEST(CodePage, SizeQueryCountsTheTerminatingNul) {
     EXPECT_EQ(ANSIToANSI(1252, 65001, "caf\xe9", -1, room, 5), 0);  // too small
     EXPECT_EQ(ANSIToANSI(1252, 65001, "caf\xe9", -1, room, 6), 6);  // without a size query first
     EXPECT_STREQ(room, "caf\xc3\xa9");
+    // A size query for one pair of code pages is no answer for another pair.
+    EXPECT_EQ(ANSIToANSI(1252, 65001, "\x80", -1, nullptr, 0), 4);
+    EXPECT_EQ(ANSIToANSI(28591, 65001, "\x80", -1, room, 6), 3);
+    EXPECT_STREQ(room, "\xc2\x80");
+    EXPECT_EQ(ANSIToANSI(65001, 1252, "\xe2\x82\xac", -1, nullptr, 0), 2);
+    EXPECT_EQ(ANSIToANSI(65001, 28591, "\xe2\x82\xac", -1, room, 6), 2);
+    EXPECT_STREQ(room, "?");
     EXPECT_EQ(ANSIToANSI(1252, 65001, nullptr, -1, nullptr, 0), 0);
     EXPECT_EQ(ANSIToANSI(1252, 65001, "x", -1, nullptr, 5), 0);  // a size without a buffer
 }

@@ -264,11 +264,29 @@ TEST_F(CollectionsTest, PutValueIfAddsOrReplacesInOneProbe) {
     EXPECT_EQ(gDestroyed, 202);
 }
 
+// A collection of a host's own, which inherits isEmpty and contains.
+struct Counter : RWCollection {
+    size_t count = 0;
+    void clear() override {}
+    void clearAndDestroy() override {}
+    size_t entries() const override { return count; }
+    RWCollectable* find(RWCollectable const* c) const override {
+        return count ? const_cast<RWCollectable*>(c) : nullptr;
+    }
+    RWCollectable* insert(RWCollectable* c) override { return ++count, c; }
+    RWCollectable* remove(RWCollectable const*) override { return nullptr; }
+    void removeAndDestroy(RWCollectable const*) override {}
+};
+
 // The plain hash table keeps duplicates and finds plain collectables by identity.
 TEST_F(CollectionsTest, HashTableKeepsDuplicatesAndRefusesNull) {
     RWHashTable t(2);
     RWCollectable x, y;
     RWCollectableInt one(1), otherOne(1);
+    Counter own;
+    EXPECT_TRUE(own.isEmpty() && !own.contains(&x));
+    own.insert(&x);
+    EXPECT_TRUE(!own.isEmpty() && own.contains(&x));
     EXPECT_TRUE(t.isEmpty());
     EXPECT_EQ(t.find(&x), nullptr);
     EXPECT_EQ(t.insert(nullptr), nullptr);

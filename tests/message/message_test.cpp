@@ -198,6 +198,7 @@ std::vector<std::pair<char const*, std::string>> malformedCases() {
         {"length above the int range", "8 2147483648 4 6 6 2 2 2 4 " + data},
         {"length runs past the end", "8 2147483647 4 6 6 2 2 2 4 " + data},
         {"five fields", "5 2 2 2 2 2 a\0b\0c\0d\0e\0"s},
+        {"a length that is no number", "6 3 2 2 2 2 \0x\0b\0c\0d\0"s + "5\0"s},
         {"host without its zero byte", "6 1 2 2 2 2 1 Xb\0c\0d\0e\0Z"s},
         {"formatStamp without its zero byte at the very end", "8 6 4 6 6 2 2 2 3 "s + data.substr(0, 31) + "352"s},
     };

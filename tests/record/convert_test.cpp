@@ -25,7 +25,7 @@ TEST(AssociativeArrayConvert, ValuesAreConvertedAndLengthsRewritten) {
         {"", ""},
         // A form that does not parse is a leaf as a whole: a false value length, a false key length.
         {"1 '1 k '9 \xe9 ", "1 '1 k '9 \xc3\xa9 "},
-        {"1 '9 \xe9 '1 v ", "1 '9 \xc3\xa9 '1 v "},
+        {"1 '99 '1 \xe9 ", "1 '99 '1 \xc3\xa9 "},
     };
     for (auto const& c : cases) EXPECT_EQ(x1(c.text), c.converted);
     EXPECT_EQ(x1("1 '1 k '2 \xc3\xa9 ", 65001, 1252), "1 '1 k '1 \xe9 ");

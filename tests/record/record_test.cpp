@@ -186,6 +186,8 @@ TEST(AssociativeArrayRecord, ObjectsOfOtherKindsAreWrittenAndDestroyed) {
     EXPECT_STREQ(record.ToString(false, false), "1 '1 s '4 text ");
     record.AddCouple("s", "made here");  // the plain value is replaced and destroyed
     EXPECT_STREQ(record.ToString(false, false), "1 '1 s '9 made here ");
+    record.insert(new RWCollectableString("bare"));             // a key without a value
+    EXPECT_EQ(record.ToStringRef(false, false).length(), 32u);  // written with an empty value
 }
 
 TEST(AssociativeArrayRecord, DecodeIfEscapesTheStoredValueInPlace) {

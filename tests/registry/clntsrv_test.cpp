@@ -145,6 +145,9 @@ TEST_F(RegistryTest, CountersOutOfStepAreReportedAndStayInsideTheTable) {
     client.setCounters(255, 0);
     EXPECT_EQ(client.keepIndex(), 255);
     EXPECT_EQ(errors.count(), 1u);
+    TestClient empty;  // nothing occupied from a negative highestIndex on: slot 0
+    empty.setCounters(-5, 1);
+    EXPECT_EQ(empty.keepIndex(), 0);
 }
 
 TEST_F(RegistryTest, RegistrationGoesByIdentityAndTheServerOwnsWhatItHolds) {
@@ -238,6 +241,7 @@ TEST_F(RegistryTest, MissingClientOrTableIsReported) {
     EXPECT_STREQ(static_cast<ValidateObject const&>(second).nameOf(), "ServerObj");
     EXPECT_STREQ(static_cast<ValidateObject const&>(first).nameOf(), "ClientObj");
     EXPECT_EQ(first.valid(), 1);
+    EXPECT_FALSE(first.isEqual(&first));  // clients are equal to nothing
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <new>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -81,23 +82,19 @@ TEST(AssociativeArrayRecord, AddingReplacingAndReading) {
     EXPECT_EQ(pairsOf(record), "D0=2.5" + zeros + "e+00\nItem-1=minus\nK=c\nX12=7\ncoe=x\0y\0\nd=1.5"s + zeros +
                                    "e+00\nk=b\nkk=a\0b\nmax="s + std::to_string(LONG_MAX) +
                                    "\nmixed=  12x\nnegative=\nnone=\nnull=\n" + longName + "-2147483648=long\n");
-    // No validation: strtol and strtod semantics.
-    EXPECT_EQ(record.GetInt32ValueOfParameter("mixed"), 12);
-    EXPECT_EQ(record.GetDoubleValueOfParameter("mixed", 9.0), 12.0);
-    EXPECT_EQ(record.GetInt32ValueOfParameter("max", 0), LONG_MAX);
-    EXPECT_EQ(record.GetDoubleValueOfParameter("d"), 1.5);
-    EXPECT_EQ(record.GetInt32ValueOfParameterArray("X", 12), 7);
-    EXPECT_EQ(record.GetInt32ValueOfParameterArray("X", 12, 5L), 7);
-    EXPECT_EQ(record.GetInt32ValueOfParameterArray("X", 13, 5L), 5);
-    EXPECT_STREQ(record.GetValueOfParameterArray("Item", -1), "minus");
-    EXPECT_STREQ(record.GetValueOfParameterArray(longName.c_str(), INT_MIN, "def"), "long");
-    EXPECT_STREQ(record.GetValueOfParameterArray("Item", 0, "def"), "def");
-    EXPECT_EQ(record.GetDoubleValueOfParameterArray("D", 0), 2.5);
-    EXPECT_EQ(record.GetDoubleValueOfParameterArray("D", 0, 9.0), 2.5);
-    EXPECT_EQ(record.GetDoubleValueOfParameterArray("D", 1, 9.0), 9.0);
-    EXPECT_EQ(record.GetInt32ValueOfParameter("missing", 7L), 7);
-    EXPECT_TRUE(record.KeyExists("kk"));
-    EXPECT_FALSE(record.KeyExists("missing"));
+    // No validation: strtol and strtod semantics. Each reader, with and without a default.
+    std::ostringstream read;
+    read << record.GetInt32ValueOfParameter("mixed") << ' ' << record.GetDoubleValueOfParameter("mixed", 9.0) << ' '
+         << (record.GetInt32ValueOfParameter("max", 0) == LONG_MAX) << ' ' << record.GetDoubleValueOfParameter("d")
+         << ' ' << record.GetInt32ValueOfParameterArray("X", 12) << ' '
+         << record.GetInt32ValueOfParameterArray("X", 12, 5L) << ' '
+         << record.GetInt32ValueOfParameterArray("X", 13, 5L) << ' ' << record.GetValueOfParameterArray("Item", -1)
+         << ' ' << record.GetValueOfParameterArray(longName.c_str(), INT_MIN, "def") << ' '
+         << record.GetValueOfParameterArray("Item", 0, "def") << ' ' << record.GetDoubleValueOfParameterArray("D", 0)
+         << ' ' << record.GetDoubleValueOfParameterArray("D", 0, 9.0) << ' '
+         << record.GetDoubleValueOfParameterArray("D", 1, 9.0) << ' ' << record.GetInt32ValueOfParameter("missing", 7L)
+         << ' ' << record.KeyExists("kk") << record.KeyExists("missing");
+    EXPECT_EQ(read.str(), "12 12 1 1.5 7 7 5 minus long def 2.5 2.5 9 7 10");
 }
 
 TEST(AssociativeArrayRecord, MissingKeyThrowsWithTheWholeTextForm) {

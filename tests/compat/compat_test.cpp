@@ -280,8 +280,10 @@ struct ValidateMirror {
     void* vptr;
     int validFlag;
 };
-#define COMPAT_EXACT(object, Mirror, name) \
-    EXPECT_EQ(at(object, &std::remove_const_t<decltype(object)>::name), std::ptrdiff_t(offsetof(Mirror, name))) << #name
+// The name of the member when it lies elsewhere than in the mirror, else "".
+#define COMPAT_EXACT(object, Mirror, name)                                                                   \
+    (at(object, &std::remove_const_t<decltype(object)>::name) == std::ptrdiff_t(offsetof(Mirror, name)) ? "" \
+                                                                                                        : " " #name)
 
 TEST(Layout, MessageRecordsMatchTheirMirrors) {
     static_assert(std::is_standard_layout_v<c_Pack> && sizeof(c_Pack) == sizeof(PackMirror));
@@ -291,26 +293,23 @@ TEST(Layout, MessageRecordsMatchTheirMirrors) {
                   offsetof(c_Pack, thePackedLength) == offsetof(PackMirror, thePackedLength));
     static_assert(sizeof(QType) == sizeof(int) && sizeof(cColloquyMessage) == sizeof(MessageMirror));
     cColloquyMessage const m;
-    COMPAT_EXACT(m, MessageMirror, userValue);
-    COMPAT_EXACT(m, MessageMirror, formatStamp);
-    COMPAT_EXACT(m, MessageMirror, toHost);
-    COMPAT_EXACT(m, MessageMirror, toName);
-    COMPAT_EXACT(m, MessageMirror, fromHost);
-    COMPAT_EXACT(m, MessageMirror, fromName);
-    COMPAT_EXACT(m, MessageMirror, qType);
-    COMPAT_EXACT(m, MessageMirror, messageType);
-    COMPAT_EXACT(m, MessageMirror, messageSubType);
-    COMPAT_EXACT(m, MessageMirror, body);
-    COMPAT_EXACT(m, MessageMirror, bodyLen);
-    COMPAT_EXACT(m, MessageMirror, packedBuffer);
-    COMPAT_EXACT(m, MessageMirror, packedLen);
+    EXPECT_EQ(std::string() + COMPAT_EXACT(m, MessageMirror, userValue) + COMPAT_EXACT(m, MessageMirror, formatStamp) +
+                  COMPAT_EXACT(m, MessageMirror, toHost) + COMPAT_EXACT(m, MessageMirror, toName) +
+                  COMPAT_EXACT(m, MessageMirror, fromHost) + COMPAT_EXACT(m, MessageMirror, fromName) +
+                  COMPAT_EXACT(m, MessageMirror, qType) + COMPAT_EXACT(m, MessageMirror, messageType) +
+                  COMPAT_EXACT(m, MessageMirror, messageSubType) + COMPAT_EXACT(m, MessageMirror, body) +
+                  COMPAT_EXACT(m, MessageMirror, bodyLen) + COMPAT_EXACT(m, MessageMirror, packedBuffer) +
+                  COMPAT_EXACT(m, MessageMirror, packedLen),
+              "")
+        << "members moved";
     // RWCollectable carries nothing but its virtual table pointer, so the typed message is exact too.
     static_assert(sizeof(cTypedMessageObject) == sizeof(TypedMessageMirror));
     cTypedMessageObject const typed(1, 2, nullptr, 0);
-    COMPAT_EXACT(typed, TypedMessageMirror, type);
-    COMPAT_EXACT(typed, TypedMessageMirror, subType);
-    COMPAT_EXACT(typed, TypedMessageMirror, data);
-    COMPAT_EXACT(typed, TypedMessageMirror, length);
+    EXPECT_EQ(std::string() + COMPAT_EXACT(typed, TypedMessageMirror, type) +
+                  COMPAT_EXACT(typed, TypedMessageMirror, subType) + COMPAT_EXACT(typed, TypedMessageMirror, data) +
+                  COMPAT_EXACT(typed, TypedMessageMirror, length),
+              "")
+        << "members moved";
 }
 
 TEST(Layout, OtherPublicClassesKeepTheirMemberOrder) {

@@ -6,6 +6,15 @@
 // receive buffer), closing it first when that has not happened. After either, `gIsValid` is
 // false for every copy of the handle.
 //
+// Closing from another thread: `gClose` may be called on any copy of a handle while other
+// threads send, receive or accept on it. It shuts the connection down, which ends their waits
+// (their calls return false, `gAccept` throws with EBADF), and the descriptor and the receive
+// buffer are released when the last of those calls has returned: until then the descriptor
+// number cannot pass to a new socket. `gDelete` releases in the same way but does not shut the
+// connection down (another process may share the descriptor), so it wakes no waiting thread:
+// call `gClose` first to end a wait. Two threads receiving on one handle at the same time, or
+// two sending, are not supported.
+//
 // `gReceive` keeps a small read buffer per handle, so that one `recv` usually brings a whole
 // small message (header and body) and the following receive is served from memory. Bytes that
 // a failed receive has taken from the socket are kept for the next receive when the failure was
@@ -128,7 +137,8 @@ COLLOQUY_EXPORT bool gSend(cHandleValid const& handle, int count, char const* bu
 // `latency` bounds the wait (null: no limit).
 COLLOQUY_EXPORT bool gReceive(cHandleValid const& handle, int count, char* buffer, bool continuation,
                               iLatencyConfiguration* latency);
-// Closes the connection; true when the system closed it without error.
+// Closes the connection (from any thread, see above); false when it was closed already or
+// the system reported an error closing it.
 COLLOQUY_EXPORT bool gClose(cHandleValid const& handle);
 // Releases the handle's socket and buffer; an invalid handle is ignored.
 COLLOQUY_EXPORT void gDelete(cHandleOptional const& handle);

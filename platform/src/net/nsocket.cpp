@@ -116,14 +116,24 @@ bool receiveDirect(cSocketState& s, int fd, std::size_t count, char* out, cDeadl
 }  // namespace
 
 bool cSocketState::release() {
-    int fd = descriptor.exchange(-1);
+    if (released.exchange(true, std::memory_order_acq_rel)) return false;
     std::vector<char>().swap(buffer);
     begin = end = 0;
-    return fd >= 0 && ::close(fd) == 0;
+    return ::close(fd) == 0;
 }
 
-int cHandleValid::descriptor() const { return descriptorOf(mState.get()); }
-int cHandleOptional::descriptor() const { return descriptorOf(mState.get()); }
+bool cSocketState::close(bool shutDown) {
+    cOperation closing(this);  // the descriptor stays open until the shutdown is done
+    if (closing.descriptor() < 0) return false;
+    if (use.fetch_or(kClosed, std::memory_order_acq_rel) & kClosed) return false;  // closed by another thread
+    // Shutting down ends the connection for every process that shares the descriptor and
+    // wakes the threads that are blocked sending, receiving or accepting on it.
+    if (shutDown) ::shutdown(fd, SHUT_RDWR);
+    return closing.end();
+}
+
+int cHandleValid::descriptor() const { return mState ? mState->descriptor() : -1; }
+int cHandleOptional::descriptor() const { return mState ? mState->descriptor() : -1; }
 
 iLatencyConfiguration::~iLatencyConfiguration() = default;
 cFixedLatencyConfiguration::~cFixedLatencyConfiguration() = default;
@@ -151,7 +161,8 @@ cHandleValid gValidate(cHandleOptional const& handle) {
 }
 
 bool gSend(cHandleValid const& handle, int count, char const* buffer) {
-    int fd = handle.descriptor();
+    cOperation sending(cHandleAccess::state(handle));
+    int fd = sending.descriptor();
     if (fd < 0 || count < 0 || (count > 0 && buffer == nullptr)) return false;
     std::size_t left = static_cast<std::size_t>(count);
     while (left > 0) {
@@ -168,7 +179,8 @@ bool gSend(cHandleValid const& handle, int count, char const* buffer) {
 
 bool gReceive(cHandleValid const& handle, int count, char* buffer, bool continuation, iLatencyConfiguration* latency) {
     cSocketState* state = cHandleAccess::state(handle);
-    int fd = descriptorOf(state);
+    cOperation receiving(state);
+    int fd = receiving.descriptor();
     if (fd < 0 || count < 0 || (count > 0 && buffer == nullptr)) return false;
     if (count == 0) return true;
     std::size_t wanted = static_cast<std::size_t>(count);
@@ -183,16 +195,11 @@ bool gReceive(cHandleValid const& handle, int count, char* buffer, bool continua
 
 bool gClose(cHandleValid const& handle) {
     cSocketState* state = cHandleAccess::state(handle);
-    int fd = descriptorOf(state);
-    if (fd < 0) return false;
-    // Shutting down first ends the connection for every process that shares the descriptor
-    // and wakes a thread that is blocked receiving on it.
-    ::shutdown(fd, SHUT_RDWR);
-    return state->release();
+    return state && state->close(true);
 }
 
 void gDelete(cHandleOptional const& handle) {
-    if (cSocketState* state = cHandleAccess::state(handle)) state->release();
+    if (cSocketState* state = cHandleAccess::state(handle)) state->close(false);
 }
 
 }  // namespace nSocket

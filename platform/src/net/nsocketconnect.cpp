@@ -141,7 +141,8 @@ cHandleValid gCreateListener(unsigned short port) {
 unsigned short gLocalPort(cHandleOptional const& handle) {
     sockaddr_storage address{};
     socklen_t length = sizeof address;
-    int fd = handle.descriptor();
+    cOperation asking(cHandleAccess::state(handle));
+    int fd = asking.descriptor();
     if (fd < 0 || ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) return 0;
     if (address.ss_family == AF_INET6) return ntohs(reinterpret_cast<sockaddr_in6 const&>(address).sin6_port);
     if (address.ss_family == AF_INET) return ntohs(reinterpret_cast<sockaddr_in const&>(address).sin_port);
@@ -157,7 +158,8 @@ cHandleValid gCreateConnectedLocal(unsigned short port, cSocketOptions options) 
 }
 
 cHandleValid gAccept(cHandleValid const& listener, cSocketOptions options) {
-    int fd = listener.descriptor();
+    cOperation accepting(cHandleAccess::state(listener));
+    int fd = accepting.descriptor();
     for (;;) {
         int error = fd < 0 ? EBADF : waitFor(fd, POLLIN, options.receiveTimeout);
         cDescriptor accepted(error == 0 ? ::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC) : -1);
@@ -165,6 +167,7 @@ cHandleValid gAccept(cHandleValid const& listener, cSocketOptions options) {
         if (error == 0) error = errno;
         // A signal, or a connection that was reset before it was taken: wait for the next one.
         if (error == EINTR || error == ECONNABORTED || error == EAGAIN) continue;
+        if (!gIsValid(listener)) error = EBADF;  // closed by another thread while waiting
         throw cSocketException("accept on", gGetLocalHostName().stdString(), gLocalPort(listener), error);
     }
 }

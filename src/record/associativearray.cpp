@@ -45,7 +45,7 @@ CAssoKeyDoesNotExistException::~CAssoKeyDoesNotExistException() = default;
 namespace nAssoText {
 
 RWCollectableString* storedValue(CAssociativeArray const& record, std::string_view key) {
-    RWCollectable* value = record.findValueIf(RWCString::hash(key.data(), key.size()), cKeyMatch{key});
+    RWCollectable* value = record.findValueIf(RWCollectableString::hash(key.data(), key.size()), cKeyMatch{key});
     return value && value->isA() == __RWCOLLECTABLESTRING ? static_cast<RWCollectableString*>(value) : nullptr;
 }
 

@@ -38,7 +38,7 @@ inline void addPair(CAssociativeArray& record, std::string_view key, std::string
     RWCollectable* old = nullptr;
     // A new key gets a key object; an existing one keeps the first key object (the last value wins).
     RWCollectable const* storedKey = record.putValueIf(
-        RWCString::hash(key.data(), key.size()), cKeyMatch{key}, newValue.get(),
+        RWCollectableString::hash(key.data(), key.size()), cKeyMatch{key}, newValue.get(),
         [&maker, key] { return maker.make(key).release(); }, old);
     newValue.release();
     if (storedKey && old != storedKey) delete old;

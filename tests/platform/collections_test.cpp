@@ -30,7 +30,7 @@ RWCollectable* valueOf(RWHashDictionary const& d, std::string const& key) {
 auto keyIs(std::string const& key) {
     return [&key](RWCollectable const* k) { return static_cast<RWCollectableString const*>(k)->view() == key; };
 }
-unsigned hashOf(std::string const& key) { return RWCString::hash(key.data(), key.size()); }
+unsigned hashOf(std::string const& key) { return RWCollectableString::hash(key.data(), key.size()); }
 int sign(int n) { return (n > 0) - (n < 0); }
 
 class CollectionsTest : public ::testing::Test {

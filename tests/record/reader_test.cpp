@@ -1,13 +1,16 @@
 // The text form reader: the worked examples, every entry point, the hardened limits (negative
 // lengths, pieces running past the end), the failure path with its Error records, the
-// cursor-level steps gParseInt and gLoadString, and round trips of random binary records.
+// cursor-level steps gParseInt and gLoadString, round trips of random binary records, and keys
+// chosen to collide.
 #include "assoc_test_util.h"
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstring>
 #include <random>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 using namespace std::string_literals;
@@ -180,6 +183,92 @@ TEST(AssociativeArrayReader, RandomBinaryRecordsRoundTrip) {
         CAssociativeArray back;
         back.FromStringRef(record.ToStringRef(false, false));
         ASSERT_EQ(pairsOf(back), pairsOf(record)) << "round " << round;
+    }
+}
+
+// Letters at random.
+std::string lettersOf(size_t length, std::mt19937& random) {
+    std::string letters(length, 'a');
+    for (char& c : letters) c = static_cast<char>('a' + random() % 26);
+    return letters;
+}
+
+// Keys as a sender can compute them for RWCString::hash(), which is FNV-1a without a key: two
+// blocks that collide from the same state collide with whatever follows, so a colliding pair of
+// 8-letter blocks per stage (found by the birthday bound) doubles the keys that share one hash.
+// Gives `groups` groups of 2^stages keys; a group's keys end in the same 8 letters (none when
+// there is one group) and share one hash.
+std::vector<std::string> collidingKeys(int stages, int groups, std::mt19937& random) {
+    auto fnv = [](uint32_t h, std::string const& bytes) {
+        for (unsigned char c : bytes) h = (h ^ c) * 16777619u;
+        return h;
+    };
+    std::vector<std::string> prefixes{""};
+    uint32_t state = 2166136261u;
+    for (int stage = 0; stage < stages; ++stage) {
+        std::unordered_map<uint32_t, std::string> seen;
+        for (;;) {
+            std::string const block = lettersOf(8, random);
+            uint32_t const after = fnv(state, block);
+            auto const [other, added] = seen.emplace(after, block);
+            if (added || other->second == block) continue;
+            std::vector<std::string> doubled;
+            for (std::string const& prefix : prefixes) {
+                doubled.push_back(prefix + other->second);
+                doubled.push_back(prefix + block);
+            }
+            prefixes.swap(doubled);
+            state = after;
+            break;
+        }
+    }
+    std::vector<std::string> keys;
+    for (int group = 0; group < groups; ++group) {
+        std::string const suffix = groups > 1 ? lettersOf(8, random) : "";
+        for (std::string const& prefix : prefixes) keys.push_back(prefix + suffix);
+    }
+    return keys;
+}
+
+std::string textOf(std::vector<std::string> const& keys) {
+    std::string text = std::to_string(keys.size());
+    for (std::string const& key : keys) text += " '" + std::to_string(key.size()) + " " + key + " '1 v";
+    return text + " ";
+}
+
+// Keys that collide in RWCString::hash() (whose value hosts may rely on, so it stays as it is)
+// spread over the record's table as well as random keys of their length do: reading them visits
+// about as many slots, not a number growing with the square of the keys that share a hash.
+TEST(AssociativeArrayReader, KeysChosenToCollideSpreadLikeRandomKeys) {
+    struct Case {
+        char const* what;
+        int stages, groups;
+    } const cases[] = {
+        {"256 groups of 8 keys of 32 bytes", 3, 256},
+        {"2048 keys of 88 bytes", 11, 1},
+    };
+    std::mt19937 random(20240612u);
+    for (Case const& c : cases) {
+        SCOPED_TRACE(c.what);
+        std::vector<std::string> const flooding = collidingKeys(c.stages, c.groups, random);
+        std::vector<std::string> ordinary;
+        for (size_t i = 0; i < flooding.size(); ++i) {
+            std::string const& key = flooding[i];
+            std::string const& first = flooding[i - i % (size_t{1} << c.stages)];
+            ASSERT_EQ(RWCString::hash(key.data(), key.size()), RWCString::hash(first.data(), first.size()));
+            ordinary.push_back(lettersOf(key.size(), random));
+        }
+        CAssociativeArray flooded, spread;
+        std::string const floodingText = textOf(flooding), ordinaryText = textOf(ordinary);
+        flooded.FromString(floodingText.data(), static_cast<int>(floodingText.size()));
+        spread.FromString(ordinaryText.data(), static_cast<int>(ordinaryText.size()));
+        ASSERT_EQ(flooded.entries(), flooding.size());
+        ASSERT_EQ(spread.entries(), ordinary.size());
+        EXPECT_LT(flooded.probeCount(), 2 * spread.probeCount());
+        // The keys are found by key object as well as by their bytes.
+        RWCollectableString const key(flooding[7].c_str());
+        EXPECT_NE(flooded.findValue(&key), nullptr);
+        EXPECT_STREQ(flooded.GetValueOfParameter(flooding[7].c_str(), nullptr), "v");
     }
 }
 

@@ -106,6 +106,13 @@ void RWHashTable::reserve(size_t count) {
     if (capacity != mCapacity || mRemoved) rehash(capacity);
 }
 
+size_t RWHashTable::probeCount() const {
+    size_t probes = 0;
+    for (size_t i = 0; i < mCapacity; ++i)
+        if (mSlots[i].state == kFull) probes += ((i - home(mSlots[i].hash)) & (mCapacity - 1)) + 1;
+    return probes;
+}
+
 void RWHashTable::grow() { rehash(capacityFor(mCount + 1, mCapacity ? mCapacity : mInitialCapacity)); }
 
 RWHashTable::cSlot& RWHashTable::vacancyAfterGrowing(unsigned hash) {

@@ -116,7 +116,7 @@ bool receiveDirect(cSocketState& s, int fd, std::size_t count, char* out, cDeadl
 }  // namespace
 
 bool cSocketState::release() {
-    if (released.exchange(true, std::memory_order_acq_rel)) return false;
+    if (released.exchange(true, std::memory_order_acq_rel)) return true;  // done by another thread
     std::vector<char>().swap(buffer);
     begin = end = 0;
     return ::close(fd) == 0;

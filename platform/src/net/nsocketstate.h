@@ -35,7 +35,10 @@ struct cSocketState {
     // Marks the socket closed (false when it already was); `shutDown` also ends the connection,
     // which wakes the threads that wait on it. The last operation to end releases.
     bool close(bool shutDown);
-    // Closes the descriptor and frees the read buffer, once (later calls return false).
+    // Closes the descriptor and frees the read buffer, once: false when closing the descriptor
+    // failed (later calls, which do nothing, return true). An operation that began after the
+    // socket was closed may be the one to end last, while the closing thread has yet to
+    // release: whichever comes first releases.
     bool release();
 
     int const fd;

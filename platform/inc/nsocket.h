@@ -72,6 +72,10 @@ struct cSocketOptions {
     std::optional<nTime::cDiff> receiveTimeout;
     // Non-zero: TCP_NODELAY on (small messages leave at once).
     int noDelay = 1;
+    // When set: the largest message body the stream transport accepts on the new connection
+    // (`StreamSocket::WaitTypedMessageZ1` fails on a header that announces more). Unset: any
+    // length the header can carry.
+    std::optional<int> maxMessageSize;
 };
 
 // How long `gReceive` may wait. `continuation` is false for the first bytes of a message (its
@@ -137,6 +141,9 @@ COLLOQUY_EXPORT bool gSend(cHandleValid const& handle, int count, char const* bu
 // `latency` bounds the wait (null: no limit).
 COLLOQUY_EXPORT bool gReceive(cHandleValid const& handle, int count, char* buffer, bool continuation,
                               iLatencyConfiguration* latency);
+// The maximum message size the handle's connection was made with (unset when it has none or the
+// handle has no socket).
+COLLOQUY_EXPORT std::optional<int> gMaxMessageSize(cHandleOptional const& handle);
 // Closes the connection (from any thread, see above); false when it was closed already or
 // the system reported an error closing it.
 COLLOQUY_EXPORT bool gClose(cHandleValid const& handle);

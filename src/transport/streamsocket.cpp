@@ -3,6 +3,7 @@
 #include "Log.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -71,6 +72,64 @@ int StreamSocket::GetMessageHeaderZ1(c_MessageHeader* header, nSock::iLatencyCon
     return gBodyLengthOf(*header);
 }
 
+namespace {
+
+// Bodies up to this size get their buffer at once; a larger one grows as its bytes arrive, so
+// that a header alone (up to 2 GiB announced) cannot make the receiver reserve memory.
+constexpr int kGrowAbove = 1 << 20;
+
+// The latency configuration of the reads of one body: together they take no longer than one
+// receive of the caller's configuration would (its continuation limit, from the first read on).
+class cBodyLatency : public nSock::iLatencyConfiguration {
+  public:
+    explicit cBodyLatency(nSock::iLatencyConfiguration* outer)
+        : mLimit(outer ? outer->receiveLimit(true) : std::nullopt), mStart(std::chrono::steady_clock::now()) {}
+    ~cBodyLatency() override = default;
+    std::optional<nTime::cDiff> receiveLimit(bool) const override {
+        if (!mLimit) return std::nullopt;
+        auto const spent =
+            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - mStart);
+        return *mLimit - nTime::cDiff(spent.count());
+    }
+
+  private:
+    std::optional<nTime::cDiff> mLimit;
+    std::chrono::steady_clock::time_point mStart;
+};
+
+// The body of `n` bytes: one array of exactly `n` bytes, or null when a read or an allocation
+// failed (`allocationFailed` tells which). The buffer of a failed read is kept, not released:
+// a reader that lost its place in the stream closes the connection, and the buffer stays with
+// the failed read (deliberate). Memory beyond kGrowAbove follows the bytes received: the buffer
+// doubles once full, and reaches exactly `n` bytes with the last step.
+char* receiveBody(StreamSocket& socket, int n, nSock::iLatencyConfiguration* latency, bool& allocationFailed) {
+    allocationFailed = false;
+    if (n <= kGrowAbove) {
+        char* body = new (std::nothrow) char[static_cast<size_t>(n)];
+        allocationFailed = body == nullptr;
+        return body && socket.ReadDataZ1(n, body, true, latency) ? body : nullptr;
+    }
+    cBodyLatency bodyLatency(latency);
+    nSock::iLatencyConfiguration* const reads = latency ? &bodyLatency : nullptr;
+    int capacity = kGrowAbove;
+    char* body = new (std::nothrow) char[static_cast<size_t>(capacity)];
+    for (int done = 0; body != nullptr;) {
+        if (!socket.ReadDataZ1(capacity - done, body + done, true, reads)) return nullptr;
+        done = capacity;
+        if (done == n) return body;
+        int const grown = capacity > n / 2 ? n : capacity * 2;
+        char* larger = new (std::nothrow) char[static_cast<size_t>(grown)];
+        if (larger) std::memcpy(larger, body, static_cast<size_t>(done));
+        delete[] body;
+        body = larger;
+        capacity = grown;
+    }
+    allocationFailed = true;
+    return nullptr;
+}
+
+}  // namespace
+
 bool StreamSocket::WaitTypedMessageZ1(short& type, short& subType, char*& data, int& length,
                                       nSock::iLatencyConfiguration* latency) {
     COLLOQUY_LOG(nColloquy::sTraceTag_, kModule);
@@ -78,10 +137,15 @@ bool StreamSocket::WaitTypedMessageZ1(short& type, short& subType, char*& data, 
     int const n = GetMessageHeaderZ1(&header, latency);
     if (n < 0) return false;
     if (n > 0) {
-        char* body = new char[static_cast<size_t>(n)];
-        // On failure the body buffer is kept, not released: a reader that lost its place in the
-        // stream closes the connection, and the buffer stays with the failed read (deliberate).
-        if (!ReadDataZ1(n, body, true, latency)) return false;
+        // A body above the connection's maximum is not read, and one that cannot be allocated
+        // fails the receive: both are reported, neither throws.
+        std::optional<int> const limit = nSock::gMaxMessageSize(mHandle);
+        bool allocationFailed = false;
+        char* body = limit && n > *limit ? nullptr : receiveBody(*this, n, latency, allocationFailed);
+        if (!body) {
+            if (allocationFailed || (limit && n > *limit)) COLLOQUY_LOG(nLog::nBasic::sErrorTag_, kModule);
+            return false;
+        }
         COLLOQUY_LOG(nColloquy::sTraceTag_, kModule, "StreamSocket:WaitTypedMessageZ1", n,
                      std::string_view(body, static_cast<size_t>(n)));
         data = body;

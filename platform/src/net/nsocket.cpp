@@ -193,6 +193,11 @@ bool gReceive(cHandleValid const& handle, int count, char* buffer, bool continua
                                       : receiveDirect(*state, fd, wanted, buffer, deadline);
 }
 
+std::optional<int> gMaxMessageSize(cHandleOptional const& handle) {
+    cSocketState const* state = cHandleAccess::state(handle);
+    return state ? state->maxMessageSize : std::nullopt;
+}
+
 bool gClose(cHandleValid const& handle) {
     cSocketState* state = cHandleAccess::state(handle);
     return state && state->close(true);

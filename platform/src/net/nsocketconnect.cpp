@@ -59,6 +59,7 @@ cHandleValid connectionHandle(cDescriptor& fd, cSocketOptions const& options) {
     ::setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     cHandleValid handle = cHandleAccess::make(fd.release());
     cHandleAccess::state(handle)->receiveTimeout = options.receiveTimeout;
+    cHandleAccess::state(handle)->maxMessageSize = options.maxMessageSize;
     return handle;
 }
 

@@ -45,6 +45,7 @@ struct cSocketState {
     std::atomic<std::uint32_t> use{0};  // kClosed | the number of operations in progress
     std::atomic<bool> released{false};
     std::optional<nTime::cDiff> receiveTimeout;  // used when gReceive gets no latency configuration
+    std::optional<int> maxMessageSize;           // of the connection's options
     std::vector<char> buffer;                    // bytes read ahead: [begin, end)
     std::size_t begin = 0;
     std::size_t end = 0;

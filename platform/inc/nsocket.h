@@ -102,19 +102,25 @@ class COLLOQUY_EXPORT cFixedLatencyConfiguration : public iLatencyConfiguration 
 };
 
 // What connect, listen, accept and `gValidate` throw. what() names the operation, the host,
-// the port and the system error.
+// the port and the system error, or for a host name that did not resolve, the resolver's reason.
 class COLLOQUY_EXPORT cSocketException : public std::runtime_error {
   public:
     cSocketException(std::string const& operation, std::string host, unsigned short port, int systemError);
+    // A host name that did not resolve; `resolveError` is getaddrinfo's code (not EAI_SYSTEM).
+    static cSocketException unresolved(std::string host, unsigned short port, int resolveError);
     ~cSocketException() override;
     std::string const& host() const { return mHost; }
     unsigned short port() const { return mPort; }
-    int systemError() const { return mSystemError; }  // the errno value
+    int systemError() const { return mSystemError; }    // the errno value, 0 for a name that did not resolve
+    int resolveError() const { return mResolveError; }  // getaddrinfo's code for such a name, else 0
 
   private:
+    cSocketException(std::string const& message, std::string host, unsigned short port, int systemError,
+                     int resolveError);
     std::string mHost;
     unsigned short mPort;
     int mSystemError;
+    int mResolveError = 0;
 };
 
 COLLOQUY_EXPORT cHandleOptional gInvalidHandle();

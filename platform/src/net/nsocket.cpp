@@ -1,6 +1,7 @@
 // The socket layer's handles and byte transfer: validity, send, receive, close and delete.
 #include "net/nsocketstate.h"
 
+#include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -143,11 +144,23 @@ std::optional<nTime::cDiff> cFixedLatencyConfiguration::receiveLimit(bool contin
 }
 
 cSocketException::cSocketException(std::string const& operation, std::string host, unsigned short port, int systemError)
-    : std::runtime_error(operation + " " + host + " port " + std::to_string(port) + ": " + std::strerror(systemError) +
-                         " (errno " + std::to_string(systemError) + ")"),
+    : cSocketException(operation + " " + host + " port " + std::to_string(port) + ": " + std::strerror(systemError) +
+                           " (errno " + std::to_string(systemError) + ")",
+                       host, port, systemError, 0) {}
+
+cSocketException cSocketException::unresolved(std::string host, unsigned short port, int resolveError) {
+    std::string const message = "resolve " + host + " port " + std::to_string(port) +
+                                ": the name did not resolve: " + ::gai_strerror(resolveError);
+    return cSocketException(message, std::move(host), port, 0, resolveError);
+}
+
+cSocketException::cSocketException(std::string const& message, std::string host, unsigned short port, int systemError,
+                                   int resolveError)
+    : std::runtime_error(message),
       mHost(std::move(host)),
       mPort(port),
-      mSystemError(systemError) {}
+      mSystemError(systemError),
+      mResolveError(resolveError) {}
 
 cSocketException::~cSocketException() = default;
 

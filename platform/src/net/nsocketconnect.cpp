@@ -92,7 +92,8 @@ cHandleValid connectTo(char const* node, std::string const& host, unsigned short
     hints.ai_flags = AI_NUMERICSERV;
     addrinfo* found = nullptr;
     int rc = ::getaddrinfo(node, std::to_string(port).c_str(), &hints, &found);
-    if (rc != 0) throw cSocketException("resolve", host, port, rc == EAI_SYSTEM ? errno : EHOSTUNREACH);
+    if (rc == EAI_SYSTEM) throw cSocketException("resolve", host, port, errno);
+    if (rc != 0) throw cSocketException::unresolved(host, port, rc);
     std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> list(found, &::freeaddrinfo);
     int error = EHOSTUNREACH;
     for (addrinfo const* ai = found; ai != nullptr; ai = ai->ai_next) {

@@ -111,38 +111,45 @@ TEST(SocketLayer, TimeOutKeepsTheBytesForTheNextReceive) {
 
 void onSignal(int) {}
 
-// Receives 6 bytes in a thread that is sent signals while it waits.
-void receiveUnderSignals(RawPeerPair& pair, nSock::iLatencyConfiguration* latency) {
+// `receive` gets 6 bytes in a thread that is sent signals while it waits; `send` sends them.
+void receiveUnderSignals(std::function<Bytes()> const& receive, std::function<void()> const& send) {
     std::atomic<bool> done{false};
     Bytes got;
     std::thread receiver([&] {
-        EXPECT_TRUE(receive(pair, got, 6, latency));
+        got = receive();
         done = true;
     });
     for (int i = 0; i < 20 && !done; ++i) {
         ::pthread_kill(receiver.native_handle(), SIGUSR1);
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        if (i == 10) rawSend(pair.peer, bytesOf("abcdef"));
+        if (i == 10) send();
     }
-    if (!done) rawSend(pair.peer, bytesOf("abcdef"));
+    if (!done) send();
     receiver.join();
     EXPECT_EQ(got, bytesOf("abcdef"));
 }
 
+// The library's receive, waiting in poll (with a limit) or in recv (without one), and the test
+// peer's own raw receive.
 TEST(SocketLayer, SignalsDoNotInterruptATransfer) {
     struct sigaction action {};
     action.sa_handler = onSignal;  // no SA_RESTART: system calls return EINTR
     struct sigaction previous {};
     ASSERT_EQ(::sigaction(SIGUSR1, &action, &previous), 0);
-    {
-        RawPeerPair bounded;  // waits in poll
-        receiveUnderSignals(bounded, patience());
+    Watchdog watchdog(std::chrono::seconds(60));
+    for (nSock::iLatencyConfiguration* latency : {patience(), static_cast<nSock::iLatencyConfiguration*>(nullptr)}) {
+        RawPeerPair pair{latency ? boundedOptions() : nSock::cSocketOptions()};
+        receiveUnderSignals(
+            [&] {
+                Bytes got;
+                EXPECT_TRUE(receive(pair, got, 6, latency));
+                return got;
+            },
+            [&] { rawSend(pair.peer, bytesOf("abcdef")); });
     }
-    {
-        Watchdog watchdog(std::chrono::seconds(30));
-        RawPeerPair unbounded{nSock::cSocketOptions()};  // waits in recv
-        receiveUnderSignals(unbounded, nullptr);
-    }
+    RawPeerPair pair;
+    receiveUnderSignals([&] { return rawReceive(pair.peer, 6); },
+                        [&] { EXPECT_TRUE(pair.socket.WriteDataZ1(6, "abcdef")); });
     ::sigaction(SIGUSR1, &previous, nullptr);
 }
 

@@ -16,7 +16,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <thread>
@@ -79,22 +82,29 @@ class RawFd {
     int mFd;
 };
 
-// True when `fd` becomes readable within kPatience.
+// True when `fd` becomes readable within kPatience (signals do not end the wait).
 inline bool readable(int fd) {
-    pollfd p{fd, POLLIN, 0};
-    return ::poll(&p, 1, static_cast<int>(kPatience.milliseconds())) == 1;
+    auto const end = std::chrono::steady_clock::now() + kPatience.chrono();
+    for (;;) {
+        auto const left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+        pollfd p{fd, POLLIN, 0};
+        int const rc = ::poll(&p, 1, static_cast<int>(std::max<int64_t>(left.count(), 0)));
+        if (rc >= 0 || errno != EINTR) return rc == 1;
+    }
 }
 
 inline void rawSend(RawFd const& fd, Bytes const& bytes) {
     ASSERT_EQ(::send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
 }
 
-// Reads exactly `count` bytes within kPatience; fewer when the peer ends the stream first.
+// Reads exactly `count` bytes (each wait for more bounded by kPatience); fewer when the peer
+// ends the stream first. Signals do not end it.
 inline Bytes rawReceive(RawFd const& fd, size_t count) {
     Bytes out(count);
     size_t done = 0;
     while (done < count && readable(fd.get())) {
         ssize_t const n = ::recv(fd.get(), out.data() + done, count - done, 0);
+        if (n < 0 && errno == EINTR) continue;
         if (n <= 0) break;
         done += static_cast<size_t>(n);
     }

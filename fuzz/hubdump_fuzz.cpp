@@ -17,20 +17,8 @@ namespace {
 constexpr size_t kMaxPairs = 4;
 
 char* dump(std::vector<std::string> const& p, size_t pairs) {
-    auto s = [&](size_t i) { return p[i].c_str(); };
-    char const* const end = nullptr;
-    switch (pairs) {
-        case 0:
-            return DumpHubArray(s(0), end);
-        case 1:
-            return DumpHubArray(s(0), s(1), s(2), end);
-        case 2:
-            return DumpHubArray(s(0), s(1), s(2), s(3), s(4), end);
-        case 3:
-            return DumpHubArray(s(0), s(1), s(2), s(3), s(4), s(5), s(6), end);
-        default:
-            return DumpHubArray(s(0), s(1), s(2), s(3), s(4), s(5), s(6), s(7), s(8), end);
-    }
+    auto s = [&](size_t i) { return i < 1 + 2 * pairs ? p[i].c_str() : nullptr; };  // ended by a null key
+    return DumpHubArray(s(0), s(1), s(2), s(3), s(4), s(5), s(6), s(7), s(8), static_cast<char const*>(nullptr));
 }
 
 void checkDump(std::vector<std::string> const& pieces) {

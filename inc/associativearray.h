@@ -141,8 +141,9 @@ struct zuColloquyAnsiConversion__patch {};  // the tag of the held mode
 // The mode held for the process: read with gColloquyAnsiConversionInit__patch on first use.
 COLLOQUY_EXPORT int gColloquyAnsiConversion__patch();
 
-// Converts with the converter that `mode` names (0 copies the text); false for an unknown mode
-// (with an Error record, `out` untouched) or when a piece could not be converted.
+// Converts with the converter that `mode` names (0 copies `length` bytes of the text, 1 ignores
+// `length` and reads up to the NUL); false for an unknown mode (with an Error record, `out`
+// untouched) or when a piece could not be converted.
 COLLOQUY_EXPORT bool gConvert_patch(int mode, unsigned int fromCodePage, unsigned int toCodePage, char const* text,
                                     int length, RWCString& out);
 // The current converter: keys kept, values converted (nested text forms recursively, plain
@@ -154,8 +155,7 @@ COLLOQUY_EXPORT bool gConvertX1_patch(unsigned int fromCodePage, unsigned int to
 COLLOQUY_EXPORT bool gConvertX1Internal_patch(unsigned int fromCodePage, unsigned int toCodePage, char const* text,
                                               int length, RWCString& out, char const* wholeText, int wholeLength,
                                               int offset);
-// The old converter: the text ends at its NUL, keys and values are cut at their first NUL,
-// and a count below one gives no pairs.
+// The old converter: the text ends at its first NUL, and a count below one gives no pairs.
 COLLOQUY_EXPORT bool gConvertOld_patch(unsigned int fromCodePage, unsigned int toCodePage, char const* text,
                                        RWCString& out);
 

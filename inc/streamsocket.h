@@ -70,17 +70,25 @@ class COLLOQUY_EXPORT StreamSocket : public c_Socket {
     // of the rest whole.
     bool SendTypedMessageBatch(const cTypedMessageBatch& batch, long* written = nullptr);
     // Receives one message into `body`, which is resized to the body's length and keeps its
-    // memory for the next message (no allocation per message once it is large enough; it grows
-    // as the bytes arrive, not as a header announces). False on a failed read or a negative
-    // length on the wire; `type` and `subType` are then untouched and the contents of `body`
-    // are unspecified.
+    // memory for the next message (no allocation per message once it is large enough; above
+    // 1 MiB it grows as the bytes arrive, not as a header announces). False on a failed read, a
+    // negative length on the wire, a body over the connection's maximum message size or one
+    // that cannot be allocated (the last two with an Error record); `type` and `subType` are
+    // then untouched and the contents of `body` are unspecified.
     bool WaitTypedMessageInto(short& type, short& subType, std::vector<char>& body,
                               nCommunication::nSocket::iLatencyConfiguration* latency);
     // Reads a header into `header` (left in network order): its body length, or -1 on failure.
     int GetMessageHeaderZ1(c_MessageHeader* header, nCommunication::nSocket::iLatencyConfiguration* latency);
     // Receives one message. A body is returned in `data` (release it with FreeMessage); for an
     // empty message `data` is left as it was. False, with the outputs untouched, on a failed
-    // read or a negative length on the wire.
+    // read or a negative length on the wire; also, with an Error record, on a body above the
+    // connection's maximum (cSocketOptions::maxMessageSize; not read) or one that cannot be
+    // allocated. A body above 1 MiB is received into a buffer that grows as its bytes arrive,
+    // so that memory follows what was received rather than what the header announced.
+    // Once the header has been read, a failure (a time-out included) leaves the connection
+    // without its place in the stream: the header is gone, and the body bytes received so far
+    // stay with the failed receive. Close the connection then; only a time-out while waiting for
+    // the header loses nothing.
     bool WaitTypedMessageZ1(short& type, short& subType, char*& data, int& length,
                             nCommunication::nSocket::iLatencyConfiguration* latency);
 

@@ -2,6 +2,10 @@
 
 #include "zepnames.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -56,30 +60,38 @@ long long parseNumber(std::string const& text, long long min, long long max, std
     return v;
 }
 
+namespace {
+
+// Appends the two lowercase hex digits of `byte`: every hex form the tool prints is made here.
+void appendHex(std::string& out, unsigned char byte) {
+    static char const kDigits[] = "0123456789abcdef";
+    out.push_back(kDigits[byte >> 4]);
+    out.push_back(kDigits[byte & 15]);
+}
+
+}  // namespace
+
 std::string escapeBytes(std::string_view bytes) {
-    static char const kHex[] = "0123456789abcdef";
     std::string out;
     out.reserve(bytes.size());
-    for (unsigned char c : bytes) {
+    for (char const ch : bytes) {
+        auto const c = static_cast<unsigned char>(ch);
         if (c >= 0x20 && c < 0x7F && c != '\\') {
             out.push_back(static_cast<char>(c));
         } else {
             out += "\\x";
-            out.push_back(kHex[c >> 4]);
-            out.push_back(kHex[c & 15]);
+            appendHex(out, c);
         }
     }
     return out;
 }
 
 std::string hexBytes(void const* data, size_t n) {
-    static char const kHex[] = "0123456789abcdef";
     std::string out;
     auto const* p = static_cast<unsigned char const*>(data);
     for (size_t i = 0; i < n; ++i) {
         if (i) out.push_back(' ');
-        out.push_back(kHex[p[i] >> 4]);
-        out.push_back(kHex[p[i] & 15]);
+        appendHex(out, p[i]);
     }
     return out;
 }
@@ -142,7 +154,6 @@ size_t utf8SequenceAt(std::string_view s) {
 }  // namespace
 
 std::string jsonString(std::string_view bytes) {
-    static char const kHex[] = "0123456789abcdef";
     std::string out = "\"";
     for (size_t i = 0; i < bytes.size(); ++i) {
         auto const c = static_cast<unsigned char>(bytes[i]);
@@ -156,8 +167,7 @@ std::string jsonString(std::string_view bytes) {
             i += n - 1;
         } else {
             out += "\\u00";
-            out.push_back(kHex[c >> 4]);
-            out.push_back(kHex[c & 15]);
+            appendHex(out, c);
         }
     }
     out.push_back('"');
@@ -211,6 +221,26 @@ std::pair<std::string, std::string> splitAddress(std::string const& text, std::s
     if (address.namePart.empty() || address.hostPart.empty() || text.find('@') == std::string::npos)
         throw UsageError(what + " must be NAME@HOST, not '" + text + "'");
     return {address.namePart, address.hostPart};
+}
+
+std::string peerName(int fd) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    char text[INET6_ADDRSTRLEN] = "";
+    if (::getpeername(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) return "a peer";
+    if (address.ss_family == AF_INET) {
+        auto const& in4 = reinterpret_cast<sockaddr_in const&>(address);
+        ::inet_ntop(AF_INET, &in4.sin_addr, text, sizeof text);
+        return std::string(text) + ":" + std::to_string(ntohs(in4.sin_port));
+    }
+    auto const& in6 = reinterpret_cast<sockaddr_in6 const&>(address);
+    std::string const port = std::to_string(ntohs(in6.sin6_port));
+    if (IN6_IS_ADDR_V4MAPPED(&in6.sin6_addr)) {  // an IPv4 peer of the dual-stack listener
+        ::inet_ntop(AF_INET, in6.sin6_addr.s6_addr + 12, text, sizeof text);
+        return std::string(text) + ":" + port;
+    }
+    ::inet_ntop(AF_INET6, &in6.sin6_addr, text, sizeof text);
+    return "[" + std::string(text) + "]:" + port;
 }
 
 }  // namespace colloquy

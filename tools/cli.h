@@ -2,6 +2,7 @@
 #ifndef COLLOQUY_TOOLS_CLI_H
 #define COLLOQUY_TOOLS_CLI_H
 
+#include <cstddef>
 #include <cstdio>
 #include <map>
 #include <optional>
@@ -12,6 +13,9 @@
 #include <vector>
 
 namespace colloquy {
+
+// The most bytes a text form, a body or a packed message can have: the library counts them in ints.
+constexpr size_t kMaxLength = 0x7fffffff;
 
 // Bad command line: one line on standard error, exit status 2.
 struct UsageError : std::runtime_error {
@@ -66,6 +70,10 @@ std::vector<std::pair<std::string, std::string>> pairsFromArgsOrStdin(std::vecto
 std::string readAll(std::FILE* in);
 std::string readFile(std::string const& path);
 void writeAll(std::FILE* out, std::string_view bytes);
+
+// "address:port" of the far end of a connected socket, for report lines ("a peer" when the
+// socket has none).
+std::string peerName(int fd);
 
 // Splits "NAME@HOST" with the library's address rules (name and host both required).
 std::pair<std::string, std::string> splitAddress(std::string const& text, std::string const& what);

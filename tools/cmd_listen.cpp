@@ -7,7 +7,6 @@
 #include "nsocket.h"
 #include "streamsocket.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -41,27 +40,6 @@ struct Settings {
     size_t maxConnections;
     bool json;
 };
-
-// "address:port" of the far end of a connection, for report lines.
-std::string peerName(int fd) {
-    sockaddr_storage address{};
-    socklen_t length = sizeof address;
-    char text[INET6_ADDRSTRLEN] = "";
-    if (::getpeername(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) return "a peer";
-    if (address.ss_family == AF_INET) {
-        auto const& in4 = reinterpret_cast<sockaddr_in const&>(address);
-        ::inet_ntop(AF_INET, &in4.sin_addr, text, sizeof text);
-        return std::string(text) + ":" + std::to_string(ntohs(in4.sin_port));
-    }
-    auto const& in6 = reinterpret_cast<sockaddr_in6 const&>(address);
-    std::string const port = std::to_string(ntohs(in6.sin6_port));
-    if (IN6_IS_ADDR_V4MAPPED(&in6.sin6_addr)) {  // an IPv4 peer of the dual-stack listener
-        ::inet_ntop(AF_INET, in6.sin6_addr.s6_addr + 12, text, sizeof text);
-        return std::string(text) + ":" + port;
-    }
-    ::inet_ntop(AF_INET6, &in6.sin6_addr, text, sizeof text);
-    return "[" + std::string(text) + "]:" + port;
-}
 
 // One accepted connection and the message it is in the middle of. The body grows with the bytes
 // that arrive, never ahead of them by what a header announces.
@@ -102,7 +80,7 @@ class Server {
                 data += part;
                 n -= part;
                 if (c.headerBytes < sizeof c.header) break;
-                c.length = ntohl(static_cast<uint32_t>(c.header.bodyLength));
+                c.length = static_cast<uint32_t>(gBodyLengthOf(c.header));
                 if (c.length > static_cast<unsigned long long>(mSettings.maxSize))
                     return "peer announced a " + std::to_string(c.length) + "-byte message, over --max-size " +
                            std::to_string(mSettings.maxSize);
@@ -126,20 +104,10 @@ class Server {
   private:
     void print(Connection const& c) {
         ++mSeen;
-        auto const type = static_cast<short>(ntohs(static_cast<uint16_t>(c.header.messageType)));
-        auto const subType = static_cast<short>(ntohs(static_cast<uint16_t>(c.header.messageSubType)));
+        std::string_view const header(reinterpret_cast<char const*>(&c.header), sizeof c.header);
         // Each message is written whole in one go, so that its lines stay together.
-        if (mSettings.json) {
-            writeAll(stdout, "{\"n\":" + std::to_string(mSeen) + ",\"length\":" + std::to_string(c.body.size()) +
-                                 ",\"type\":" + std::to_string(type) + ",\"subType\":" + std::to_string(subType) +
-                                 ",\"header\":" + jsonString(hexBytes(&c.header, sizeof c.header)) +
-                                 describeBodyJson(c.body) + "}\n");
-        } else {
-            writeAll(stdout, "message " + std::to_string(mSeen) + ": " + std::to_string(c.body.size()) +
-                                 " bytes, type " + std::to_string(type) + ", subtype " + std::to_string(subType) +
-                                 "\n  header: " + hexBytes(&c.header, sizeof c.header) + "\n" +
-                                 describeBody(c.body, "  "));
-        }
+        writeAll(stdout, mSettings.json ? messageJson("\"n\":" + std::to_string(mSeen), header, c.body)
+                                        : messageText("message " + std::to_string(mSeen), header, c.body));
     }
 
     Settings const mSettings;
@@ -163,7 +131,7 @@ int cmdListen(Words const& words) {
     if (args.positional().size() != 1) throw UsageError("listen needs PORT");
     auto const port = static_cast<unsigned short>(parseNumber(args.positional()[0], 0, 65535, "PORT"));
     Settings const settings{
-        args.number("--count", 0, 0, 1LL << 40), args.number("--max-size", kDefaultMaxSize, 0, 0x7fffffff),
+        args.number("--count", 0, 0, 1LL << 40), args.number("--max-size", kDefaultMaxSize, 0, kMaxLength),
         std::chrono::seconds(args.number("--timeout", kDefaultTimeout, 1, 86400)),
         static_cast<size_t>(args.number("--max-connections", kDefaultConnections, 1, 1000)), args.flag("--json")};
 

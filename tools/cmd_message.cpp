@@ -1,8 +1,10 @@
 // pack and unpack: the message envelope from and to a shell.
 #include "commands.h"
 #include "message_io.h"
+#include "msghdr.h"
 #include "netmsg.h"
 
+#include <cstring>
 #include <memory>
 
 namespace colloquy {
@@ -20,14 +22,14 @@ std::string packEnvelope(Args const& args, std::string const& body) {
     auto const [fromName, fromHost] = splitAddress(*args.option("--from"), "--from");
     auto const qType = static_cast<int>(args.number("--qtype", 0, INT32_MIN, INT32_MAX));
     auto const userValue = static_cast<unsigned>(args.number("--user-value", 0, 0, UINT32_MAX));
-    if (body.size() > 0x7fffffff) throw Failure("body too large");
+    if (body.size() > kMaxLength) throw Failure("body too large");
     cColloquyMessage message(userValue, toHost.c_str(), toName.c_str(), fromHost.c_str(), fromName.c_str(),
                              static_cast<QType>(qType), 0, 0, body.data(), static_cast<unsigned>(body.size()));
     return std::string(message.packedBuffer, message.packedLen);
 }
 
 std::optional<Envelope> readEnvelope(std::string_view packed) {
-    if (packed.empty() || packed.size() > 0x7fffffff) return std::nullopt;
+    if (packed.empty() || packed.size() > kMaxLength) return std::nullopt;
     cColloquyMessage const message(packed.data(), static_cast<unsigned>(packed.size()), 0, 0);
     // A message of eight well-formed fields packs again into exactly the bytes it came from; a
     // malformed buffer (mapped to empty fields) or one of another field count does not.
@@ -81,7 +83,7 @@ std::string describeBody(std::string_view body, std::string const& indent) {
         content = envelope->body;
     }
     Pairs pairs;
-    if (!content.empty() && tryReadTextForm(content, pairs)) {
+    if (!content.empty() && tryDecodeTextForm(content, pairs)) {
         out += indent + "pairs: " + std::to_string(pairs.size()) + "\n" + pairLines(pairs, indent + "  ");
     } else if (!content.empty()) {
         out += indent + "body: " + rawLine(content) + "\n";
@@ -98,11 +100,32 @@ std::string describeBodyJson(std::string_view body) {
         content = envelope->body;
     }
     Pairs pairs;
-    if (!content.empty() && tryReadTextForm(content, pairs))
+    if (!content.empty() && tryDecodeTextForm(content, pairs))
         out += ",\"pairs\":" + pairsJson(pairs);
     else
         out += ",\"body\":" + jsonString(content);
     return out;
+}
+
+HeaderFields headerFields(std::string_view header) {
+    c_MessageHeader fields;
+    std::memcpy(&fields, header.data(), sizeof fields);
+    return {gBodyLengthOf(fields), gMessageTypeOf(fields), gMessageSubTypeOf(fields)};
+}
+
+std::string messageText(std::string const& title, std::string_view header, std::optional<std::string_view> body) {
+    HeaderFields const h = headerFields(header);
+    return title + ": " + std::to_string(h.length) + " bytes, type " + std::to_string(h.type) + ", subtype " +
+           std::to_string(h.subType) + "\n  header: " + hexBytes(header.data(), header.size()) + "\n" +
+           (body ? describeBody(*body, "  ") : "  body: not shown (over --max-size)\n");
+}
+
+std::string messageJson(std::string const& members, std::string_view header, std::optional<std::string_view> body) {
+    HeaderFields const h = headerFields(header);
+    return "{" + members + ",\"length\":" + std::to_string(h.length) + ",\"type\":" + std::to_string(h.type) +
+           ",\"subType\":" + std::to_string(h.subType) +
+           ",\"header\":" + jsonString(hexBytes(header.data(), header.size())) +
+           (body ? describeBodyJson(*body) : ",\"bodyShown\":false") + "}\n";
 }
 
 int cmdPack(Words const& words) {
@@ -130,7 +153,7 @@ int cmdUnpack(Words const& words) {
                              "\nformat: " + std::to_string(envelope->formatStamp) +
                              "\nbody: " + std::to_string(envelope->body.size()) + " bytes\n");
         Pairs pairs;
-        if (!envelope->body.empty() && tryReadTextForm(envelope->body, pairs))
+        if (!envelope->body.empty() && tryDecodeTextForm(envelope->body, pairs))
             writeAll(stdout, "pairs: " + std::to_string(pairs.size()) + "\n" + pairLines(pairs, "  "));
     }
     return 0;

@@ -47,7 +47,7 @@ bool plainNumber(std::string_view text, size_t& at, long long& value) {
         value = value * 10 + (text[i] - '0');
     }
     at = blank + 1;
-    return value <= 0x7fffffff;
+    return value <= static_cast<long long>(kMaxLength);
 }
 
 // What keeps `text` from being exactly one text form as the writer writes it: a count of at
@@ -82,9 +82,9 @@ std::string textFormProblem(std::string_view text, long long& count) {
 
 }  // namespace
 
-bool tryReadTextForm(std::string_view text, Pairs& pairs, std::string* problem) {
+bool tryDecodeTextForm(std::string_view text, Pairs& pairs, std::string* problem) {
     long long count = 0;
-    std::string why = text.size() > 0x7fffffff ? "it is too large" : textFormProblem(text, count);
+    std::string why = text.size() > kMaxLength ? "it is too large" : textFormProblem(text, count);
     if (why.empty()) {
         CAssociativeArray record(64);
         try {
@@ -100,10 +100,10 @@ bool tryReadTextForm(std::string_view text, Pairs& pairs, std::string* problem) 
     return why.empty();
 }
 
-Pairs readTextForm(std::string_view text) {
+Pairs decodeTextForm(std::string_view text) {
     Pairs pairs;
     std::string problem;
-    if (!tryReadTextForm(text, pairs, &problem))
+    if (!tryDecodeTextForm(text, pairs, &problem))
         throw Failure("input is not one text form (" + std::to_string(text.size()) + " bytes): " + problem);
     return pairs;
 }
@@ -177,7 +177,7 @@ int cmdEncode(Words const& words) {
 int cmdDecode(Words const& words) {
     Args const args(words, {}, {"--json"});
     if (!args.positional().empty()) throw UsageError("decode reads standard input and takes no arguments");
-    Pairs const pairs = readTextForm(readAll(stdin));
+    Pairs const pairs = decodeTextForm(readAll(stdin));
     writeAll(stdout, args.flag("--json") ? pairsJson(pairs) + "\n" : pairLines(pairs));
     return 0;
 }
@@ -193,7 +193,7 @@ int cmdConvert(Words const& words) {
     if (ANSIToANSI(fromCp, toCp, "", -1, nullptr, 0) == 0)
         throw Failure("cannot convert from code page " + *from + " to " + *to);
     std::string const input = readAll(stdin);
-    if (input.size() > 0x7fffffff) throw Failure("input too large");
+    if (input.size() > kMaxLength) throw Failure("input too large");
     RWCString converted;
     if (!gConvertX1_patch(fromCp, toCp, input.data(), static_cast<int>(input.size()), converted))
         throw Failure("conversion failed");

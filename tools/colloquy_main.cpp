@@ -42,6 +42,8 @@ Command const kCommands[] = {
      "serve every connection at once and print each message as it arrives (PORT 0 picks a free\n"
      "      port); a connection that goes bad (over --max-size, closed or reset inside a message,\n"
      "      silent for --timeout inside a message) is reported in one line and dropped"},
+    {"tap", colloquy::cmdTap, "tap LISTEN_PORT HOST PORT [--connections N] [--json] [--max-size BYTES]",
+     "relay connections to HOST:PORT, printing every message in both directions as listen does"},
     {"convert", colloquy::cmdConvert, "convert --from CP --to CP",
      "convert a text form on standard input between code pages (e.g. 1252 to 65001)"},
     {"report", colloquy::cmdReport, "report [--output FILE]", "write the host's support report"},

@@ -17,6 +17,7 @@ int cmdPack(Words const& words);
 int cmdUnpack(Words const& words);
 int cmdSend(Words const& words);
 int cmdListen(Words const& words);
+int cmdTap(Words const& words);
 int cmdBench(Words const& words);
 int cmdDemo(Words const& words);
 int cmdReport(Words const& words);

@@ -17,10 +17,10 @@ using Pairs = std::vector<std::pair<std::string, std::string>>;
 // The text form of a record holding `pairs`.
 std::string textFormOf(Pairs const& pairs);
 // The pairs of a text form, sorted by key; throws Failure when the text does not read.
-Pairs readTextForm(std::string_view text);
+Pairs decodeTextForm(std::string_view text);
 // True when `text` is exactly one text form, as the writer writes it, with nothing after it
 // (then `pairs` holds its pairs); otherwise `problem`, when given, says what is wrong.
-bool tryReadTextForm(std::string_view text, Pairs& pairs, std::string* problem = nullptr);
+bool tryDecodeTextForm(std::string_view text, Pairs& pairs, std::string* problem = nullptr);
 // The pairs of a record, sorted by key.
 Pairs pairsOf(CAssociativeArray& record);
 // "key<TAB>value" lines with escapes, each line prefixed by `indent`.

@@ -6,6 +6,15 @@
 // receive buffer), closing it first when that has not happened. After either, `gIsValid` is
 // false for every copy of the handle.
 //
+// Closing from another thread: `gClose` may be called on any copy of a handle while other
+// threads send, receive or accept on it. It shuts the connection down, which ends their waits
+// (their calls return false, `gAccept` throws with EBADF), and the descriptor and the receive
+// buffer are released when the last of those calls has returned: until then the descriptor
+// number cannot pass to a new socket. `gDelete` releases in the same way but does not shut the
+// connection down (another process may share the descriptor), so it wakes no waiting thread:
+// call `gClose` first to end a wait. Two threads receiving on one handle at the same time, or
+// two sending, are not supported.
+//
 // `gReceive` keeps a small read buffer per handle, so that one `recv` usually brings a whole
 // small message (header and body) and the following receive is served from memory. Bytes that
 // a failed receive has taken from the socket are kept for the next receive when the failure was
@@ -65,6 +74,10 @@ struct cSocketOptions {
     std::optional<nTime::cDiff> receiveTimeout;
     // Non-zero: TCP_NODELAY on (small messages leave at once).
     int noDelay = 1;
+    // When set: the largest message body the stream transport accepts on the new connection
+    // (`StreamSocket::WaitTypedMessageZ1` fails on a header that announces more). Unset: any
+    // length the header can carry.
+    std::optional<int> maxMessageSize;
 };
 
 // How long `gReceive` may wait. `continuation` is false for the first bytes of a message (its
@@ -91,19 +104,25 @@ class COLLOQUY_EXPORT cFixedLatencyConfiguration : public iLatencyConfiguration 
 };
 
 // What connect, listen, accept and `gValidate` throw. what() names the operation, the host,
-// the port and the system error.
+// the port and the system error, or for a host name that did not resolve, the resolver's reason.
 class COLLOQUY_EXPORT cSocketException : public std::runtime_error {
   public:
     cSocketException(std::string const& operation, std::string host, unsigned short port, int systemError);
+    // A host name that did not resolve; `resolveError` is getaddrinfo's code (not EAI_SYSTEM).
+    static cSocketException unresolved(std::string host, unsigned short port, int resolveError);
     ~cSocketException() override;
     std::string const& host() const { return mHost; }
     unsigned short port() const { return mPort; }
-    int systemError() const { return mSystemError; }  // the errno value
+    int systemError() const { return mSystemError; }    // the errno value, 0 for a name that did not resolve
+    int resolveError() const { return mResolveError; }  // getaddrinfo's code for such a name, else 0
 
   private:
+    cSocketException(std::string const& message, std::string host, unsigned short port, int systemError,
+                     int resolveError);
     std::string mHost;
     unsigned short mPort;
     int mSystemError;
+    int mResolveError = 0;
 };
 
 COLLOQUY_EXPORT cHandleOptional gInvalidHandle();
@@ -141,7 +160,11 @@ COLLOQUY_EXPORT std::uint64_t gSendPieces(cHandleValid const& handle, cSendPiece
 // `latency` bounds the wait (null: no limit).
 COLLOQUY_EXPORT bool gReceive(cHandleValid const& handle, int count, char* buffer, bool continuation,
                               iLatencyConfiguration* latency);
-// Closes the connection; true when the system closed it without error.
+// The maximum message size the handle's connection was made with (unset when it has none or the
+// handle has no socket).
+COLLOQUY_EXPORT std::optional<int> gMaxMessageSize(cHandleOptional const& handle);
+// Closes the connection (from any thread, see above); false when it was closed already or
+// the system reported an error closing it.
 COLLOQUY_EXPORT bool gClose(cHandleValid const& handle);
 // Releases the handle's socket and buffer; an invalid handle is ignored.
 COLLOQUY_EXPORT void gDelete(cHandleOptional const& handle);

@@ -29,7 +29,10 @@ class COLLOQUY_EXPORT RWCollectable {
     virtual int compareTo(RWCollectable const* other) const;
 };
 
-// A collectable string: equal to another collectable string with the same bytes.
+// A collectable string: equal to another collectable string with the same bytes. Its hash()
+// is keyed with a random key chosen once per process, so that a sender of keys cannot choose
+// keys that collide in a hash table: it differs from RWCString::hash() (which keeps its value)
+// and from one process to the next.
 class COLLOQUY_EXPORT RWCollectableString : public RWCollectable, public RWCString {
   public:
     RWCollectableString() = default;
@@ -39,6 +42,9 @@ class COLLOQUY_EXPORT RWCollectableString : public RWCollectable, public RWCStri
     ~RWCollectableString() override;
     RWClassID isA() const override;
     unsigned hash() const override;
+    // The hash RWCollectableString::hash() gives for these bytes (lets callers look up a string
+    // key without making a key object).
+    static unsigned hash(char const* bytes, size_t length);
     bool isEqual(RWCollectable const* other) const override;
     int compareTo(RWCollectable const* other) const override;
 };

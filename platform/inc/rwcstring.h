@@ -89,6 +89,8 @@ class COLLOQUY_EXPORT RWCString {
 
     // Byte-exact comparison: negative, zero or positive.
     int compareTo(RWCString const& other) const { return mText.compare(other.mText); }
+    // The same value in every process (FNV-1a), so anyone can compute keys that collide: hash
+    // tables of collectable strings place them by RWCollectableString::hash(), which is keyed.
     unsigned hash() const { return hash(mText.data(), mText.size()); }
     // The hash RWCString::hash() gives for these bytes (lets callers look up without a string).
     static unsigned hash(char const* bytes, size_t length);

@@ -5,6 +5,10 @@
 #include "cplatformdefs.h"
 #include "rwhashtable.h"
 
+#include <cstddef>
+#include <memory>
+#include <utility>
+
 // At most one pair per key (keys compared by hash() and isEqual()). The dictionary holds
 // pointers: clear() forgets the pairs, clearAndDestroy() and removeAndDestroy() delete keys
 // and values.
@@ -34,21 +38,12 @@ class COLLOQUY_EXPORT RWHashDictionary : public RWHashTable {
     RWCollectable* findKeyAndValue(RWCollectable const* key, RWCollectable*& value) const;
     RWCollectable* removeKeyAndValue(RWCollectable const* key, RWCollectable*& value);
 
-    // Lookup without a key object (see RWHashTable::findIf): the value, or null.
+    // Lookup without a key object: `hash` is what the stored key's hash() gives, and
+    // `matches(RWCollectable const*)` decides among the keys with that hash. The value, or null.
     template <class Matches>
     RWCollectable* findValueIf(unsigned hash, Matches&& matches) const {
         long i = findSlot(hash, matches);
-        return i < 0 ? nullptr : mSlots[i].value;
-    }
-    // Replaces the value of the pair found as by findValueIf; returns the old value, or null
-    // when there is no such pair (then `newValue` is not stored).
-    template <class Matches>
-    RWCollectable* replaceValueIf(unsigned hash, Matches&& matches, RWCollectable* newValue) {
-        long i = findSlot(hash, matches);
-        if (i < 0) return nullptr;
-        RWCollectable* old = mSlots[i].value;
-        mSlots[i].value = newValue;
-        return old;
+        return i < 0 ? nullptr : mSlots[static_cast<size_t>(i)].value;
     }
     // Adding or replacing in one probe. When a pair is found as by findValueIf, `value` takes
     // the place of its value: the old value is put in `old` and the stored key returned. Else
@@ -68,8 +63,26 @@ class COLLOQUY_EXPORT RWHashDictionary : public RWHashTable {
         fillSlot(slot, makeKey(), value, hash);
         return nullptr;
     }
-    // Adds a pair whose key the caller knows is absent, with its precomputed hash.
-    void insertNewKeyAndValue(RWCollectable* key, RWCollectable* value, unsigned hash) { addSlot(key, value, hash); }
+    // Calls visit(key, value) for every pair, in the iterator's order.
+    template <class Visit>
+    void forEachPair(Visit&& visit) const {
+        for (size_t i = 0; i < mCapacity; ++i)
+            if (mSlots[i].state == kFull) visit(mSlots[i].key, mSlots[i].value);
+    }
+    // What clearAndDestroy() does, with destroy(object) in place of delete: every key, and
+    // every value that is not its own key. The pairs are forgotten first, so that no destructor
+    // sees a half-destroyed table.
+    template <class Destroy>
+    void clearAndDestroyWith(Destroy&& destroy) {
+        std::unique_ptr<cSlot[]> const slots = std::move(mSlots);
+        size_t const capacity = mCapacity;
+        clear();
+        for (size_t i = 0; i < capacity; ++i) {
+            if (slots[i].state != kFull) continue;
+            if (slots[i].value != slots[i].key) destroy(slots[i].value);
+            destroy(slots[i].key);
+        }
+    }
 };
 
 class COLLOQUY_EXPORT RWHashDictionaryIterator : public RWHashTableIterator {

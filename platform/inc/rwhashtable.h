@@ -31,14 +31,9 @@ class COLLOQUY_EXPORT RWHashTable : public RWCollection {
     void removeAndDestroy(RWCollectable const* target) override;
     // Makes room for `count` items in all, so that adding up to that many rehashes no more.
     void reserve(size_t count);
-
-    // Lookup without a key object: `hash` is what the stored item's hash() gives, and
-    // `matches(RWCollectable const*)` decides among the items with that hash.
-    template <class Matches>
-    RWCollectable* findIf(unsigned hash, Matches&& matches) const {
-        long i = findSlot(hash, matches);
-        return i < 0 ? nullptr : mSlots[i].key;
-    }
+    // The slots that finding each stored item visits, summed over the items: how well the
+    // items spread (the number of items when none had to move aside). For tests and diagnostics.
+    size_t probeCount() const;
 
   protected:
     friend class RWHashTableIterator;

@@ -7,7 +7,7 @@ namespace {
 constexpr int kBuckets = 11;
 
 // The directory setters take a text; null is refused with a clear error.
-char const* gDirectory(char const* directory) {
+char const* checkedDirectory(char const* directory) {
     if (directory == nullptr) throw std::invalid_argument("FilesAssociationArchive: null directory");
     return directory;
 }
@@ -30,13 +30,13 @@ void FilesAssociationArchive::AddFileAssociation(char const* file, char const* d
 char const* FilesAssociationArchive::GetFileAssociate(char const* file) { return GetValueOfParameter(file); }
 
 void FilesAssociationArchive::SetDefualtDestinationDirectory(char const* directory) {
-    mDefualtDestinationDirectory = gDirectory(directory);
+    mDefualtDestinationDirectory = checkedDirectory(directory);
 }
 
 char const* FilesAssociationArchive::GetDefualtDestinationDirectory() { return mDefualtDestinationDirectory.c_str(); }
 
 void FilesAssociationArchive::SetDefualtGlobalDestinationDirectory(char const* directory) {
-    mGlobalDefualtDestinationDirectory = gDirectory(directory);
+    mGlobalDefualtDestinationDirectory = checkedDirectory(directory);
 }
 
 std::string FilesAssociationArchive::BuildDefDestPath(char const*, bool) { return std::string(); }

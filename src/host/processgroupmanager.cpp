@@ -1,6 +1,7 @@
 #include "processgroupmanager.h"
 
 #include "Log.h"
+#include "log_records.h"
 #include "qrprocess.h"
 
 #include <iterator>
@@ -8,11 +9,13 @@
 
 namespace {
 
+namespace nLine = nLogRecords::nProcessGroups;
+
 char const kModule[] = "processgroupmanager";
 
 // Takes the member at `position` out of `group`; the caller owns it (null when the sequence
 // held a null pointer).
-std::unique_ptr<ProcessInfo> gTakeOut(ProcessGroup& group, int position) {
+std::unique_ptr<ProcessInfo> takeOut(ProcessGroup& group, int position) {
     // A negative position becomes a huge one, which the sequence refuses with RWBoundsErr.
     return std::unique_ptr<ProcessInfo>(static_cast<ProcessInfo*>(group.removeAt(static_cast<size_t>(position))));
 }
@@ -29,19 +32,19 @@ ProcessInfo::~ProcessInfo() = default;
 
 bool gKillProcess(ProcessInfo& info) {
     // What each result of gQRPKillProcess means: the Execution text (its "%d" written as it
-    // stands, the pid after it), the source line, and whether it counts as killed.
+    // stands, the pid after it), the line of its record, and whether it counts as killed.
     struct cOutcome {
         char const* text;
         int line;
         bool killed;
     };
     static constexpr cOutcome kOutcomes[] = {
-        {"gKillProcess(%d) killed", 54, true},
-        {"gKillProcess(%d) already terminated", 50, false},  // deliberately a failure
-        {"gKillProcess(%d) error cannot find", 62, false},
-        {"gKillProcess(%d) error cannot kill", 58, false},
+        {"gKillProcess(%d) killed", nLine::kKilled, true},
+        {"gKillProcess(%d) already terminated", nLine::kAlreadyTerminated, false},  // deliberately a failure
+        {"gKillProcess(%d) error cannot find", nLine::kCannotFind, false},
+        {"gKillProcess(%d) error cannot kill", nLine::kCannotKill, false},
     };
-    static constexpr cOutcome kUnknown = {"gKillProcess(%d) unknown error", 66, false};
+    static constexpr cOutcome kUnknown = {"gKillProcess(%d) unknown error", nLine::kUnknownKillError, false};
     int const code = gQRPKillProcess(info.pid);
     bool const known = code >= 0 && code < static_cast<int>(std::size(kOutcomes));
     cOutcome const& outcome = known ? kOutcomes[code] : kUnknown;
@@ -63,14 +66,14 @@ int ProcessGroup::AddProcess(int pid) {
 }
 
 int ProcessGroup::RemoveProcess(int position) {
-    std::unique_ptr<ProcessInfo> const info = gTakeOut(*this, position);
+    std::unique_ptr<ProcessInfo> const info = takeOut(*this, position);
     return info ? info->pid : 0;
 }
 
 bool ProcessGroup::TerminateGroupZ0() {
     bool result = true;
     while (!isEmpty()) {
-        std::unique_ptr<ProcessInfo> const info = gTakeOut(*this, static_cast<int>(entries() - 1));
+        std::unique_ptr<ProcessInfo> const info = takeOut(*this, static_cast<int>(entries() - 1));
         if (!info) break;
         if (!gKillProcess(*info)) result = false;
     }
@@ -78,9 +81,9 @@ bool ProcessGroup::TerminateGroupZ0() {
 }
 
 bool ProcessGroup::TerminateElementZ0(int position) {
-    std::unique_ptr<ProcessInfo> const info = gTakeOut(*this, position);
+    std::unique_ptr<ProcessInfo> const info = takeOut(*this, position);
     if (!info) {
-        COLLOQUY_LOG_AT(nLog::nBasic::sErrorTag_, kModule, 80);
+        COLLOQUY_LOG_AT(nLog::nBasic::sErrorTag_, kModule, nLine::kNoSuchMember);
         return false;
     }
     return gKillProcess(*info);
@@ -110,7 +113,7 @@ ProcessGroup* ProcessesGroupManager::AddProcessToGroup(RWCString& name, int& pid
         auto created = std::make_unique<ProcessGroup>();
         created->AddProcess(pid);
         if (insertKeyAndValue(key.get(), created.get()) == nullptr) {
-            COLLOQUY_LOG_AT(nLog::nBasic::sTraceTag_, kModule, 122,
+            COLLOQUY_LOG_AT(nLog::nBasic::sTraceTag_, kModule, nLine::kAlreadyInGroup,
                             "ProcessesGroupManager::AddProcessToGroup already in", name, pid);
             created->clearAndDestroy();
             return nullptr;
@@ -120,8 +123,8 @@ ProcessGroup* ProcessesGroupManager::AddProcessToGroup(RWCString& name, int& pid
     } else {
         group->AddProcess(pid);
     }
-    COLLOQUY_LOG_AT(nLog::nBasic::sTraceTag_, kModule, 130, "ProcessesGroupManager::AddProcessToGroup ", name, pid,
-                    static_cast<void const*>(group));
+    COLLOQUY_LOG_AT(nLog::nBasic::sTraceTag_, kModule, nLine::kAddedToGroup,
+                    "ProcessesGroupManager::AddProcessToGroup ", name, pid, static_cast<void const*>(group));
     return group;
 }
 
@@ -134,12 +137,12 @@ ProcessGroup* ProcessesGroupManager::AddProcessToGroup(RWCString& name, int& pid
 bool ProcessesGroupManager::TerminateGroup(RWCString& name) {
     ProcessGroup* const group = GetProcessGroup(name);
     if (group == nullptr) {
-        COLLOQUY_LOG_AT(nLog::nBasic::sErrorTag_, kModule, 176, "ProcessesGroupManager::TerminateGroup unknown group ",
-                        name);
+        COLLOQUY_LOG_AT(nLog::nBasic::sErrorTag_, kModule, nLine::kUnknownGroup,
+                        "ProcessesGroupManager::TerminateGroup unknown group ", name);
         return false;
     }
-    COLLOQUY_LOG_AT(nLog::nBasic::sExecutionTag_, kModule, 171, "ProcessesGroupManager::TerminateGroup terminating",
-                    name);
+    COLLOQUY_LOG_AT(nLog::nBasic::sExecutionTag_, kModule, nLine::kTerminatingGroup,
+                    "ProcessesGroupManager::TerminateGroup terminating", name);
     bool const result = group->TerminateGroupZ0();
     RWCollectableString const key(name);
     removeAndDestroy(&key);  // the stored name and the group

@@ -2,6 +2,7 @@
 
 #include "Log.h"
 #include "envsettings.h"
+#include "log_records.h"
 #include "nsocket.h"
 
 #include <fcntl.h>
@@ -13,6 +14,8 @@
 #include <string>
 
 namespace {
+
+namespace nLine = nLogRecords::nSupport;
 
 char const kModule[] = "supportinformationgenerator";
 
@@ -29,25 +32,25 @@ char const kProductKey[] = "$QRCTIDLL";
 
 // Runs `command` through the shell. The sense is inverted on purpose: status 0 counts as
 // failure, anything else (the status is not decoded) as success.
-bool gCommandFailed(std::string const& command) { return std::system(command.c_str()) == 0; }
+bool commandFailed(std::string const& command) { return std::system(command.c_str()) == 0; }
 
-// The steps of the system facts: command prefix, failure message and its source line.
+// The steps of the system facts: command prefix, failure message and the line of its record.
 struct cLinuxStep {
     char const* prefix;
     char const* failure;
     int line;
 };
 constexpr cLinuxStep kLinuxSteps[] = {
-    {"uname -a >> ", "failed to get kernel output with command: ", 421},
-    {"lscpu >> ", "failed to get cpu output with command: ", 434},
-    {"lsblk >> ", "failed to get disk output with command: ", 442},
-    {"cat /proc/meminfo >> ", "failed to get memory output with command: ", 450},
+    {"uname -a >> ", "failed to get kernel output with command: ", nLine::kKernelFailed},
+    {"lscpu >> ", "failed to get cpu output with command: ", nLine::kCpuFailed},
+    {"lsblk >> ", "failed to get disk output with command: ", nLine::kDiskFailed},
+    {"cat /proc/meminfo >> ", "failed to get memory output with command: ", nLine::kMemoryFailed},
 };
 
 // `path` as one shell word: inside double quotes, with the characters the shell still
 // interprets there (double quote, "$", backquote, backslash) escaped, so a directory or host
 // name cannot run anything. An ordinary path only gains the quotes.
-std::string gShellQuoted(std::string const& path) {
+std::string shellQuoted(std::string const& path) {
     std::string quoted = "\"";
     for (char const c : path) {
         if (c == '"' || c == '$' || c == '`' || c == '\\') quoted += '\\';
@@ -59,23 +62,23 @@ std::string gShellQuoted(std::string const& path) {
 
 // The working directory with its "/", or "" (paths then stay relative to it) when it cannot
 // be had in the path room.
-std::string gWorkingDirectory(CSupportInformationGenerator& generator) {
+std::string workingDirectory(CSupportInformationGenerator& generator) {
     char buffer[kPathSize];
     return generator.GetKZDirectoryPath(buffer, kPathSize) ? std::string(buffer) : std::string();
 }
 
-// RULE: a line feed, 79 "=", a line feed.
-std::string const& gRule() {
-    static std::string const rule = "\n" + std::string(79, '=') + "\n";
-    return rule;
+// The rule around titles: a line feed, 79 "=", a line feed.
+std::string const& ruleLine() {
+    static std::string const line = "\n" + std::string(79, '=') + "\n";
+    return line;
 }
 
 // A line feed followed by a flush.
-void gEndOfLine(std::ostream& out) { out << '\n' << std::flush; }
+void endOfLine(std::ostream& out) { out << '\n' << std::flush; }
 
-void gWriteSection(std::ostream& out, char const* title, CAssociativeArray& db, char const* key) {
-    out << gRule() << title << gRule();
-    gEndOfLine(out);
+void writeSection(std::ostream& out, char const* title, CAssociativeArray& db, char const* key) {
+    out << ruleLine() << title << ruleLine();
+    endOfLine(out);
     out << db.GetValueOfParameter(key);
 }
 
@@ -115,10 +118,10 @@ bool CSupportInformationGenerator::AddFileToDB(char const* key, char const* path
 }
 
 bool CSupportInformationGenerator::GenerateLinuxInfo(char const* file) {
-    COLLOQUY_LOG_AT(nLog::nBasic::sWarningTag_, kModule, 414, "doing GenerateLinuxInfo()");
+    COLLOQUY_LOG_AT(nLog::nBasic::sWarningTag_, kModule, nLine::kDoingLinuxInfo, "doing GenerateLinuxInfo()");
     for (cLinuxStep const& step : kLinuxSteps) {
         std::string const command = std::string(step.prefix) + file;
-        if (gCommandFailed(command)) {
+        if (commandFailed(command)) {
             COLLOQUY_LOG_AT(nLog::nBasic::sWarningTag_, kModule, step.line, step.failure, command);
             return false;
         }
@@ -128,20 +131,20 @@ bool CSupportInformationGenerator::GenerateLinuxInfo(char const* file) {
 
 bool CSupportInformationGenerator::GenerateIPConfigInfo(char const* file) {
     std::string const command = std::string("ifconfig ") + "-a -v >> " + file;
-    if (gCommandFailed(command)) {
-        COLLOQUY_LOG_AT(nLog::nBasic::sWarningTag_, kModule, 494,
+    if (commandFailed(command)) {
+        COLLOQUY_LOG_AT(nLog::nBasic::sWarningTag_, kModule, nLine::kInterfacesFailed,
                         "failed to get ifconfig output with command: ", command);
         return false;
     }
-    COLLOQUY_LOG_AT(nLog::nBasic::sWarningTag_, kModule, 499, "success to get ifconfig output with command: ", command,
-                    " into file ", file);
+    COLLOQUY_LOG_AT(nLog::nBasic::sWarningTag_, kModule, nLine::kInterfacesDone,
+                    "success to get ifconfig output with command: ", command, " into file ", file);
     return true;
 }
 
 bool CSupportInformationGenerator::GenerateSystemInfo(char const* ipFile, char const* systemFile) {
     if (!GenerateIPConfigInfo(ipFile) || !GenerateLinuxInfo(systemFile)) return false;
-    COLLOQUY_LOG_AT(nLog::nBasic::sWarningTag_, kModule, 535, "grabbed linux info into files ", ipFile, " and ",
-                    systemFile);
+    COLLOQUY_LOG_AT(nLog::nBasic::sWarningTag_, kModule, nLine::kSystemInfoDone, "grabbed linux info into files ",
+                    ipFile, " and ", systemFile);
     return true;
 }
 
@@ -149,9 +152,9 @@ bool CSupportInformationGenerator::CreateInformationDB(CAssociativeArray& db) {
     RWCString const host = nCommunication::nSocket::gGetLocalHostName();
     db.AddCouple(kHostKey, host.data(), static_cast<int>(host.length()));
 
-    std::string const systemPath = gWorkingDirectory(*this) + host.stdString() + ".txt";
-    std::string const interfacePath = gWorkingDirectory(*this) + kInterfaceFile;
-    if (GenerateSystemInfo(gShellQuoted(interfacePath).c_str(), gShellQuoted(systemPath).c_str())) {
+    std::string const systemPath = workingDirectory(*this) + host.stdString() + ".txt";
+    std::string const interfacePath = workingDirectory(*this) + kInterfaceFile;
+    if (GenerateSystemInfo(shellQuoted(interfacePath).c_str(), shellQuoted(systemPath).c_str())) {
         AddFileToDB(kSystemKey, systemPath.c_str(), db);
         AddFileToDB(kInterfaceKey, interfacePath.c_str(), db);
         std::remove(systemPath.c_str());
@@ -171,17 +174,17 @@ bool CSupportInformationGenerator::CreateInformationDB(CAssociativeArray& db) {
 bool CSupportInformationGenerator::GenerateReportFile(std::ofstream& out, CAssociativeArray& db) {
     if (!db.KeyExists(kHostKey)) return false;
     try {
-        out << gRule() << "Complete Report For Host: " << db.GetValueOfParameter(kHostKey);
-        gEndOfLine(out);
-        out << gRule();
-        gWriteSection(out, "IP Configuration: ", db, kInterfaceKey);
-        gWriteSection(out, "System And Hardware Configuration: ", db, kSystemKey);
-        if (db.KeyExists(kProductKey)) gWriteSection(out, "Vantage Product Information(qrcti.dll): ", db, kProductKey);
-        gWriteSection(out, "Vantage.ini File: ", db, kConfigurationKey);
+        out << ruleLine() << "Complete Report For Host: " << db.GetValueOfParameter(kHostKey);
+        endOfLine(out);
+        out << ruleLine();
+        writeSection(out, "IP Configuration: ", db, kInterfaceKey);
+        writeSection(out, "System And Hardware Configuration: ", db, kSystemKey);
+        if (db.KeyExists(kProductKey)) writeSection(out, "Vantage Product Information(qrcti.dll): ", db, kProductKey);
+        writeSection(out, "Vantage.ini File: ", db, kConfigurationKey);
     } catch (std::exception const& error) {
-        COLLOQUY_LOG_AT(nLog::nBasic::sErrorTag_, kModule, 659, error.what());
+        COLLOQUY_LOG_AT(nLog::nBasic::sErrorTag_, kModule, nLine::kReportFailed, error.what());
     } catch (...) {
-        COLLOQUY_LOG_AT(nLog::nBasic::sErrorTag_, kModule, 663, "");
+        COLLOQUY_LOG_AT(nLog::nBasic::sErrorTag_, kModule, nLine::kReportFailedUnknown, "");
     }
     return true;
 }

@@ -1,6 +1,7 @@
 // The message envelope and the typed message it can be made from (see netmsg.h).
 #include "netmsg.h"
 
+#include "log_records.h"
 #include "message/packread.h"
 
 #include <charconv>
@@ -20,8 +21,6 @@ constexpr std::size_t kPrintSize = 4096;
 constexpr std::size_t kNumberText = 12;  // "%d" of an int and its zero byte
 
 enum Field { kToHost, kToName, kFromHost, kFromName, kQType, kBody, kUserValue, kStampField };
-
-void logError(int line) { COLLOQUY_LOG_AT(nLog::nBasic::sErrorTag_, kModule, line); }
 
 // "%d" of `value` taken as a signed int, zero-terminated; returns the text length.
 int formatNumber(char (&out)[kNumberText], int value) {
@@ -69,8 +68,8 @@ cColloquyMessage::cColloquyMessage(unsigned int userValue_, char const* toHost_,
       messageSubType(messageSubType_),
       body(body_),
       bodyLen(bodyLen_) {
-    if (body == nullptr) logError(__LINE__);
-    if (bodyLen == 0) logError(__LINE__);
+    if (body == nullptr) nLogRecords::logError(kModule, __LINE__);
+    if (bodyLen == 0) nLogRecords::logError(kModule, __LINE__);
     packMe();
 }
 
@@ -89,7 +88,7 @@ cColloquyMessage::cColloquyMessage(cTypedMessageObject* tmo) {
         delete tmo;
     }
     reMapFields();
-    if (bodyLen == 0) logError(__LINE__);
+    if (bodyLen == 0) nLogRecords::logError(kModule, __LINE__);
 }
 
 cColloquyMessage::~cColloquyMessage() { delete[] packedBuffer; }
@@ -98,7 +97,7 @@ char const* cColloquyMessage::nameOf() const { return "ColloquyMessage"; }
 
 void cColloquyMessage::packMe() {
     if (packedBuffer != nullptr) return;
-    if (bodyLen == 0) logError(__LINE__);
+    if (bodyLen == 0) nLogRecords::logError(kModule, __LINE__);
     char qTypeText[kNumberText], userValueText[kNumberText], stampText[kNumberText];
     int const qTypeLength = formatNumber(qTypeText, qType);
     int const userValueLength = formatNumber(userValueText, static_cast<int>(userValue));
@@ -123,7 +122,7 @@ void cColloquyMessage::rePackMe(char const* toHost_, char const* toName_) {
 
 void cColloquyMessage::unPackMe(char const* packed, unsigned int len) {
     if (packed == nullptr) {
-        logError(__LINE__);
+        nLogRecords::logError(kModule, __LINE__);
         len = 0;  // nothing to copy: mapped as an empty, malformed buffer
     }
     packedLen = len;
@@ -150,7 +149,7 @@ void cColloquyMessage::mapFields(c_Pack& pack) {
 }
 
 void cColloquyMessage::reMapFields() {
-    std::optional<c_Pack> pack = nPack::gReadBounded(packedBuffer, packedLen);
+    std::optional<c_Pack> pack = nPack::readBounded(packedBuffer, packedLen);
     if (pack && fitsMessage(*pack)) {
         mapFields(*pack);
         return;

@@ -1,6 +1,7 @@
 // Packed buffers and the pack format (see packmsg.h for the layout).
 #include "packmsg.h"
 
+#include "log_records.h"
 #include "message/packread.h"
 
 #include <algorithm>
@@ -18,8 +19,6 @@ char const kModule[] = "packmsg";
 constexpr int kMaxFields = 10;
 constexpr int kHeaderRoom = 100;       // bytes reserved for the header text, whatever the count
 constexpr std::size_t kMaxToken = 11;  // "-2147483648": the longest "%d" of an int
-
-void logError(int line) { COLLOQUY_LOG_AT(nLog::nBasic::sErrorTag_, kModule, line); }
 
 // Appends "%d " of `value` at `out`; returns the end of the item.
 char* appendItem(char* out, int value) {
@@ -72,13 +71,13 @@ void chainFields(c_Pack& pack, char const* start, int count) {
 }  // namespace
 
 char* PCKAlloc(unsigned int size) {
-    if (size == 0) logError(__LINE__);
+    if (size == 0) nLogRecords::logError(kModule, __LINE__);
     return new char[size];
 }
 
 int PCKFreeData(char const* handle) {
     if (handle == nullptr)
-        logError(__LINE__);
+        nLogRecords::logError(kModule, __LINE__);
     else
         delete[] handle;
     return 1;
@@ -89,7 +88,7 @@ char const* PCKGetData(char const* handle) { return handle; }
 char* PCKGetDataVar(char* handle) { return handle; }
 
 c_Pack::c_Pack(char const* data0, int len0, ...) {
-    if (data0 == nullptr || len0 == 0) logError(__LINE__);
+    if (data0 == nullptr || len0 == 0) nLogRecords::logError(kModule, __LINE__);
     theFields[0] = data0;
     theLengths[0] = len0;
     theCount = 1;
@@ -108,7 +107,7 @@ c_Pack::c_Pack(char const* data0, int len0, ...) {
         ++theCount;
     }
     va_end(args);
-    if (tooMany) logError(__LINE__);
+    if (tooMany) nLogRecords::logError(kModule, __LINE__);
 
     long long sum = 0;
     for (int i = 0; i < theCount; ++i) {
@@ -126,20 +125,21 @@ c_Pack::c_Pack(char const* data0, int len0, ...) {
 
     // The nominal end is sum + 100; a longer header still gets room but is reported.
     thePackedLength = static_cast<int>(sum);
-    theBuffer = PCKAlloc(static_cast<unsigned int>(sum + std::max<long long>(headerLength, kHeaderRoom)));
+    theBuffer = PCKAlloc(
+        static_cast<unsigned int>(sum + std::max<long long>(static_cast<long long>(headerLength), kHeaderRoom)));
     char* write = PCKGetDataVar(theBuffer);
     char const* const limit = write + sum + kHeaderRoom;
     std::memcpy(write, header, headerLength);
     thePackedLength += static_cast<int>(headerLength);
     for (int i = 0; i < theCount; ++i)
-        if (write + (itemEnd[i + 1] - header) > limit) logError(__LINE__);
+        if (write + (itemEnd[i + 1] - header) > limit) nLogRecords::logError(kModule, __LINE__);
     write += headerLength;
 
     for (int i = 0; i < theCount; ++i) {
         if (theLengths[i] > 0) std::memcpy(write, theFields[i], static_cast<std::size_t>(theLengths[i]));
         theFields[i] = write;
         write += theLengths[i];
-        if (write > limit) logError(__LINE__);
+        if (write > limit) nLogRecords::logError(kModule, __LINE__);
     }
 }
 
@@ -163,7 +163,7 @@ int c_Pack::thePackedMsgLen() const { return thePackedLength; }
 
 namespace nPack {
 
-std::optional<c_Pack> gReadBounded(char const* buffer, std::size_t length) {
+std::optional<c_Pack> readBounded(char const* buffer, std::size_t length) {
     if (buffer == nullptr) return std::nullopt;
     c_Pack pack(static_cast<char const*>(nullptr));
     pack.theBuffer = const_cast<char*>(buffer);

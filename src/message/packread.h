@@ -16,7 +16,7 @@ namespace nPack {
 // field within the buffer. Bytes after the last field are allowed and ignored.
 // Returns nothing otherwise (also for a null buffer).
 // Nothing outside [buffer, buffer + length) is read.
-std::optional<c_Pack> gReadBounded(char const* buffer, std::size_t length);
+std::optional<c_Pack> readBounded(char const* buffer, std::size_t length);
 
 }  // namespace nPack
 

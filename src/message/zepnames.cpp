@@ -10,22 +10,22 @@ char const kSeparator[] = "@";
 
 // A copy of a caller's text; null is refused with a clear error rather than left to the
 // string constructor.
-std::string gCopy(char const* text, char const* what) {
+std::string copyPart(char const* text, char const* what) {
     if (text == nullptr) throw std::invalid_argument(std::string("CColloquyAddress: null ") + what);
     return text;
 }
 
 }  // namespace
 
-CColloquyAddress::CColloquyAddress(char const* fullText) : fullAddress(gCopy(fullText, "address")) {
+CColloquyAddress::CColloquyAddress(char const* fullText) : fullAddress(copyPart(fullText, "address")) {
     RWCTokenizer next(fullAddress);
     namePart = next(kSeparator).stdString();
     hostPart = next(kSeparator).stdString();
 }
 
 CColloquyAddress::CColloquyAddress(char const* name, char const* host)
-    : namePart(gCopy(name, "name part")),
-      hostPart(gCopy(host, "host part")),
+    : namePart(copyPart(name, "name part")),
+      hostPart(copyPart(host, "host part")),
       fullAddress(namePart + kSeparator + hostPart) {}
 
 CColloquyAddress::~CColloquyAddress() = default;

@@ -1,20 +1,15 @@
-// CAssociativeArray: the record, its accessors, its exceptions, the text form writer and reader.
+// CAssociativeArray: the record, its exceptions and its accessors. Its text form is written in
+// text_writer.cpp and read in text_reader.cpp.
 #include "associativearray.h"
 
-#include "Log.h"
-#include "record/associativearray_text.h"
+#include "record/pairs.h"
+#include "record/string_blocks.h"
 
-#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
-#include <utility>
-#include <vector>
-
-using nAssoText::kModule;
 
 // ---- exceptions ----
 
@@ -24,7 +19,7 @@ char const kMessageFile[] = "loadengine.frm";
 constexpr int kIllegalSyntax = 10;
 constexpr int kKeyDoesNotExist = 11;
 
-std::string textOf(char const* text) { return text ? std::string(text) : std::string(); }
+std::string stringOf(char const* text) { return text ? std::string(text) : std::string(); }
 
 }  // namespace
 
@@ -32,19 +27,39 @@ CAssociativeArrayException::CAssociativeArrayException(KZErrorException const& e
 CAssociativeArrayException::~CAssociativeArrayException() = default;
 
 CIllegalAssoSyntaxException::CIllegalAssoSyntaxException(char const* text)
-    : CAssociativeArrayException(KZErrorException(kMessageFile, kIllegalSyntax, {textOf(text)})) {}
+    : CAssociativeArrayException(KZErrorException(kMessageFile, kIllegalSyntax, {stringOf(text)})) {}
 CIllegalAssoSyntaxException::CIllegalAssoSyntaxException(std::string_view text)
     : CAssociativeArrayException(KZErrorException(kMessageFile, kIllegalSyntax, {std::string(text)})) {}
 CIllegalAssoSyntaxException::~CIllegalAssoSyntaxException() = default;
 
 CAssoKeyDoesNotExistException::CAssoKeyDoesNotExistException(char const* key, char const* recordText)
-    : CAssociativeArrayException(KZErrorException(kMessageFile, kKeyDoesNotExist, {textOf(key), textOf(recordText)})) {}
+    : CAssociativeArrayException(
+          KZErrorException(kMessageFile, kKeyDoesNotExist, {stringOf(key), stringOf(recordText)})) {}
 CAssoKeyDoesNotExistException::CAssoKeyDoesNotExistException(char const* key, std::string_view recordText)
     : CAssociativeArrayException(
-          KZErrorException(kMessageFile, kKeyDoesNotExist, {textOf(key), std::string(recordText)})) {}
+          KZErrorException(kMessageFile, kKeyDoesNotExist, {stringOf(key), std::string(recordText)})) {}
 CAssoKeyDoesNotExistException::~CAssoKeyDoesNotExistException() = default;
 
 // ---- keys and values ----
+
+namespace nAssoText {
+
+RWCollectableString* storedValue(CAssociativeArray const& record, std::string_view key) {
+    RWCollectable* value = record.findValueIf(RWCollectableString::hash(key.data(), key.size()), cKeyMatch{key});
+    return value && value->isA() == __RWCOLLECTABLESTRING ? static_cast<RWCollectableString*>(value) : nullptr;
+}
+
+std::string_view foreignBytes(RWCollectable const* item) {
+    if (!item || item->isA() != __RWCOLLECTABLESTRING) return std::string_view();
+    return static_cast<RWCollectableString const*>(item)->view();
+}
+
+void addPair(CAssociativeArray& record, std::string_view key, std::string_view value) {
+    cStringMaker maker(2);
+    addPair(record, key, value, maker);
+}
+
+}  // namespace nAssoText
 
 namespace {
 
@@ -115,17 +130,9 @@ CAssociativeArray::CAssociativeArray(_typer_c<zc_move__deprecate> const&, CAssoc
 }
 
 CAssociativeArray::~CAssociativeArray() {
-    // What clearAndDestroy does, with the record's own objects given back to their blocks in
-    // bulk. The table is detached first: no destructor sees half-deleted pairs.
-    std::unique_ptr<cSlot[]> const slots = std::move(mSlots);
-    size_t const capacity = mCapacity;
-    clear();
+    // The record's own objects go back to their blocks in bulk.
     nAssoText::cDestroyer destroyer;
-    for (size_t i = 0; i < capacity; ++i) {
-        if (slots[i].state != kFull) continue;
-        if (slots[i].value != slots[i].key) destroyer.destroy(slots[i].value);
-        destroyer.destroy(slots[i].key);
-    }
+    clearAndDestroyWith([&destroyer](RWCollectable* object) { destroyer.destroy(object); });
 }
 
 void CAssociativeArray::AddCouple(char const* key, char const* value, int length) {
@@ -261,183 +268,3 @@ bool CAssociativeArray::KeyExists(char const* key) const {
 }
 
 void CAssociativeArray::Reset() { clear(); }
-
-// ---- writer ----
-
-namespace {
-
-// The value as written: bulky values are left out (written as empty) when the flags ask.
-std::string_view writtenValue(std::string_view key, RWCollectable const* value, bool skipResponseBody,
-                              bool skipProxyPostData) {
-    if (skipResponseBody && (key == "$RESPONSEBODY" || (skipProxyPostData && key == "$PROXYPOSTDATA")))
-        return std::string_view();
-    return nAssoText::textOf(value);
-}
-
-}  // namespace
-
-void CAssociativeArray::ToStringInternal(bool skipResponseBody, bool skipProxyPostData) const {
-    using namespace nAssoText;
-    // The pairs as written, in the table's order (the iterator's): the slots are walked
-    // directly, as this runs for every message sent.
-    auto const forEachWritten = [&](auto&& visit) {
-        for (size_t i = 0; i < mCapacity; ++i) {
-            cSlot const& slot = mSlots[i];
-            if (slot.state != kFull) continue;
-            std::string_view const key = textOf(slot.key);
-            visit(key, writtenValue(key, slot.value, skipResponseBody, skipProxyPostData));
-        }
-    };
-    // The exact size is computed first, so that the text is sized once and each value copied
-    // once, straight into the cache when it is large enough (nothing can fail then).
-    size_t size = 1;
-    size_t const countDigits = decimalDigits(entries());
-    if (!isEmpty()) {
-        size += countDigits;
-        forEachWritten([&size](std::string_view k, std::string_view v) { size += pieceSize(k) + pieceSize(v); });
-    }
-    std::string fresh;
-    std::string& cache = mLastText.stdString();
-    std::string& text = cache.capacity() >= size ? cache : fresh;
-    text.resize(size);  // may fail only for `fresh`: the cache is then left as it was
-    char* out = text.data();
-    if (!isEmpty()) {
-        out = writeDecimal(out, entries(), countDigits);
-        forEachWritten([&out](std::string_view k, std::string_view v) {
-            out = writePiece(out, k);
-            out = writePiece(out, v);
-        });
-    }
-    *out = ' ';
-    if (&text == &fresh) cache.swap(fresh);
-}
-
-char const* CAssociativeArray::ToString(bool skipResponseBody, bool skipProxyPostData) const {
-    return ToStringRef(skipResponseBody, skipProxyPostData).data();
-}
-
-RWCString const& CAssociativeArray::ToStringRef(bool skipResponseBody, bool skipProxyPostData) const {
-    ToStringInternal(skipResponseBody, skipProxyPostData);
-    return mLastText;
-}
-
-void CAssociativeArray::ToString(char const*& text, int& length, bool skipResponseBody, bool skipProxyPostData) const {
-    RWCString const& written = ToStringRef(skipResponseBody, skipProxyPostData);
-    text = written.data();
-    length = static_cast<int>(written.length());
-}
-
-// ---- reader ----
-
-namespace {
-
-// The fewest bytes a pair takes: "'0 " and the byte after it, twice (the very last byte of
-// the input may be missing).
-constexpr size_t kMinPairBytes = 8;
-
-void readPairs(CAssociativeArray& record, nAssoText::cCursor cursor) {
-    int const count = nAssoText::parseInt(cursor);
-    if (count <= 0) return;
-    // Room for the pairs announced, as far as the input can hold them: a false count makes
-    // no allocation larger than the input's own pairs could.
-    size_t const fitting = (static_cast<size_t>(cursor.end - cursor.pos) + 1) / kMinPairBytes;
-    size_t const expected = std::min(static_cast<size_t>(count), fitting);
-    record.reserve(record.entries() + expected);
-    nAssoText::cStringMaker maker(2 * expected);
-    for (int i = 0; i < count; ++i) {
-        std::string_view const key = nAssoText::loadPiece(cursor);
-        std::string_view const value = nAssoText::loadPiece(cursor);
-        nAssoText::addPair(record, nAssoText::upToNul(key), value, maker);
-    }
-}
-
-// Reads the `size` bytes at `text`. Every failure is logged, first by kind and then with the
-// first `shownLength` bytes of the input, and ends as a CIllegalAssoSyntaxException carrying
-// the whole input. Pairs read before the failure stay.
-void readTextForm(CAssociativeArray& record, char const* text, size_t size, long shownLength) {
-    if (!text) {
-        text = "";  // a cursor needs a real end: a null one means "lengths trusted"
-        size = 0;
-    }
-    try {
-        try {
-            readPairs(record, nAssoText::cCursor{text, text + size});
-        } catch (std::exception const& e) {
-            COLLOQUY_LOG(nLog::nBasic::sErrorTag_, kModule, e.what());
-            throw;
-        } catch (...) {
-            COLLOQUY_LOG(nLog::nBasic::sErrorTag_, kModule, "Unexpected error in CAssociativeArray::FromString");
-            throw;
-        }
-    } catch (...) {
-        size_t const shown = shownLength > 0 ? std::min(size, static_cast<size_t>(shownLength)) : 0;
-        COLLOQUY_LOG(nLog::nBasic::sErrorTag_, kModule, shownLength, std::string_view(text, shown));
-        throw CIllegalAssoSyntaxException(std::string_view(text, size));
-    }
-}
-
-size_t lengthOf(char const* text) { return text ? std::strlen(text) : 0; }
-
-}  // namespace
-
-void CAssociativeArray::FromString(char const* text, int length) {
-    readTextForm(*this, text, length > 0 ? static_cast<size_t>(length) : 0, length);
-}
-
-// The forms taking a bare char const* read up to the NUL; their failure log shows at most
-// the first 14 bytes, as it always has.
-void CAssociativeArray::FromStringX2_deprecate(char const* text) { readTextForm(*this, text, lengthOf(text), 14); }
-
-void CAssociativeArray::FromStringZTS(char const* text) { readTextForm(*this, text, lengthOf(text), 14); }
-
-void CAssociativeArray::FromStringZ1(std::string const& text) {
-    readTextForm(*this, text.data(), text.size(), static_cast<long>(text.size()));
-}
-
-void CAssociativeArray::FromStringZ1(RWCString const& text) {
-    readTextForm(*this, text.data(), text.length(), static_cast<long>(text.length()));
-}
-
-void CAssociativeArray::FromStringRef(RWCString const& text) {
-    readTextForm(*this, text.data(), text.length(), static_cast<long>(text.length()));
-}
-
-// ---- the reader's steps for callers that hold only a cursor ----
-
-int gParseInt(char const*& cursor) {
-    nAssoText::cCursor c{cursor, nullptr};
-    try {
-        int const value = nAssoText::parseInt(c);
-        cursor = c.pos;
-        return value;
-    } catch (...) {
-        cursor = c.pos;  // moved past the blank even when the number was refused
-        throw;
-    }
-}
-
-char const* gLoadString(char const* cursor, char*& buffer, int& bufferSize, RWCString& out, bool /*flag*/) {
-    nAssoText::cCursor c{cursor, nullptr};
-    std::string_view const piece = nAssoText::loadPiece(c);
-    auto const n = static_cast<int>(piece.size());
-    try {
-        if (bufferSize < n || !buffer) {
-            delete[] buffer;
-            buffer = nullptr;
-            buffer = new char[piece.size() + 1];
-            bufferSize = n;
-        }
-        std::memcpy(buffer, piece.data(), piece.size());
-        buffer[n] = '\0';
-        out.assign(buffer, piece.size());
-    } catch (...) {
-        COLLOQUY_LOG(nLog::nBasic::sErrorTag_, kModule, "gLoadString ...", n,
-                     std::string_view(cursor, static_cast<size_t>(piece.data() - cursor)));
-        throw;
-    }
-    return c.pos;
-}
-
-char const* gLoadString(char const* cursor, char*& buffer, int& bufferSize, RWCString& out) {
-    return gLoadString(cursor, buffer, bufferSize, out, false);
-}

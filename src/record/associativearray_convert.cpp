@@ -4,7 +4,7 @@
 #include "Log.h"
 #include "codepage.h"
 #include "envsettings.h"
-#include "record/associativearray_text.h"
+#include "record/text_format.h"
 
 #include <algorithm>
 #include <climits>
@@ -39,14 +39,17 @@ namespace {
 // levels, and a hostile input must not run the recursion out of stack.
 constexpr int kMaxDepth = 64;
 
-size_t lengthOf(char const* text, int length) { return length < 0 ? std::strlen(text) : static_cast<size_t>(length); }
+// `length`, or the bytes before the NUL when it is negative.
+size_t lengthOrToNul(char const* text, int length) {
+    return length < 0 ? std::strlen(text) : static_cast<size_t>(length);
+}
 
 // One conversion: the code pages, which converter's rules apply, and the outermost input
 // (shown in the record of a failure that escapes).
 struct cConversion {
     unsigned from;
     unsigned to;
-    bool old;  // gConvertOld_patch: NUL-terminated pieces, no pairs for a count <= 0
+    bool old;  // gConvertOld_patch: no pairs and no record for a count <= 0
     std::string_view whole;
 
     char const* name() const { return old ? "gConvertOld_patch" : "gConvertX1Internal_patch"; }
@@ -81,29 +84,26 @@ struct cForm {
 // False, with form.syntaxError set, when `text` is not a text form. Syntax errors are results
 // here, not exceptions: plain values are the common case, and each would otherwise cost a throw.
 bool convertForm(cConversion const& c, std::string_view text, size_t offset, int depth, cForm& form) {
-    nAssoText::cCursor cursor{text.data(), text.data() + text.size()};
+    char const* p = text.data();
+    char const* const limit = p + text.size();
     int count = 0;
-    if (!nAssoText::readInt(cursor, count, form.syntaxError)) return false;
+    if (!nAssoText::readInt(p, limit, count, form.syntaxError)) return false;
     if (count < 0 && !c.old) {
         // Carried on: the pieces that follow will not parse, and the text becomes a leaf.
         COLLOQUY_LOG(nLog::nBasic::sErrorTag_, kModule, "Negative number of arguments: ", count,
-                     " input : ", std::string_view(cursor.pos, static_cast<size_t>(cursor.end - cursor.pos)));
+                     " input : ", std::string_view(p, static_cast<size_t>(limit - p)));
     }
     nAssoText::appendDecimal(form.text, count);
     // Reading a piece allocates nothing, so a syntax error is the only way it can fail.
     for (int pair = 0; c.old ? pair < count : pair != count; ++pair) {
         std::string_view key, value;
-        if (!nAssoText::readPiece(cursor, key, form.syntaxError)) return false;
-        if (c.old) key = nAssoText::upToNul(key);
-        nAssoText::appendPrefix(form.text, key.size());
-        form.text.append(key);
-        if (!nAssoText::readPiece(cursor, value, form.syntaxError)) return false;
-        if (c.old) value = nAssoText::upToNul(value);
+        if (!nAssoText::readPiece(p, limit, key, form.syntaxError)) return false;
+        nAssoText::appendPiece(form.text, key);
+        if (!nAssoText::readPiece(p, limit, value, form.syntaxError)) return false;
         RWCString converted;
         size_t const valueOffset = offset + static_cast<size_t>(value.data() - text.data());
         form.allConverted &= convertText(c, value, converted, valueOffset, depth + 1);
-        nAssoText::appendPrefix(form.text, converted.length());
-        form.text.append(converted.view());
+        nAssoText::appendPiece(form.text, converted.view());
     }
     form.text.push_back(' ');
     return true;
@@ -169,9 +169,9 @@ bool gConvertX1Internal_patch(unsigned int fromCodePage, unsigned int toCodePage
                               RWCString& out, char const* wholeText, int wholeLength, int offset) {
     if (!text) return false;
     std::string_view const whole =
-        wholeText ? std::string_view(wholeText, lengthOf(wholeText, wholeLength)) : std::string_view();
+        wholeText ? std::string_view(wholeText, lengthOrToNul(wholeText, wholeLength)) : std::string_view();
     cConversion const c{fromCodePage, toCodePage, false, whole};
-    return convertText(c, std::string_view(text, lengthOf(text, length)), out,
+    return convertText(c, std::string_view(text, lengthOrToNul(text, length)), out,
                        offset > 0 ? static_cast<size_t>(offset) : 0, 0);
 }
 
@@ -180,17 +180,12 @@ bool gConvertX1_patch(unsigned int fromCodePage, unsigned int toCodePage, char c
     return gConvertX1Internal_patch(fromCodePage, toCodePage, text, length, out, text, length, 0);
 }
 
-namespace {
-
-bool convertOld(unsigned int fromCodePage, unsigned int toCodePage, std::string_view text, RWCString& out) {
-    cConversion const c{fromCodePage, toCodePage, true, text};
-    return convertText(c, text, out, 0, 0);
-}
-
-}  // namespace
-
+// The text ends at its first NUL, so no piece of it holds one.
 bool gConvertOld_patch(unsigned int fromCodePage, unsigned int toCodePage, char const* text, RWCString& out) {
-    return text && convertOld(fromCodePage, toCodePage, std::string_view(text), out);
+    if (!text) return false;
+    std::string_view const whole(text);
+    cConversion const c{fromCodePage, toCodePage, true, whole};
+    return convertText(c, whole, out, 0, 0);
 }
 
 bool gConvert_patch(int mode, unsigned int fromCodePage, unsigned int toCodePage, char const* text, int length,
@@ -198,12 +193,12 @@ bool gConvert_patch(int mode, unsigned int fromCodePage, unsigned int toCodePage
     switch (mode) {
         case 0:
             if (!text) return false;
-            out.assign(text, lengthOf(text, length));
+            out.assign(text, lengthOrToNul(text, length));
             return true;
         case 1:
-            // The old converter given a length: the length bounds the text instead of its first
-            // NUL, so that pieces holding NUL bytes are read whole (and then cut at the NUL).
-            return text && convertOld(fromCodePage, toCodePage, std::string_view(text, lengthOf(text, length)), out);
+            // The old converter knows no length: the text ends at its first NUL, whatever
+            // `length` says.
+            return gConvertOld_patch(fromCodePage, toCodePage, text, out);
         case 2:
             return gConvertX1_patch(fromCodePage, toCodePage, text, length, out);
         default:

@@ -2,6 +2,8 @@
 // (count, then per pair " '<length> <key> '<length> <value>"), the sender first as "$FROM".
 #include "send2hub.h"
 
+#include "record/text_format.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -18,27 +20,18 @@ constexpr size_t kPairRoom = 25;
 constexpr size_t kScratchRoom = 80;
 char const kMissingValue[] = "Key %s has no value in call to function SendMessageToHUB";
 
-// Appends " '<length> <text>", the text form of one key or value.
-void gAppendCounted(std::string& out, char const* text) {
-    size_t const length = std::strlen(text);
-    out += " '";
-    out += std::to_string(length);
-    out += ' ';
-    out.append(text, length);
-}
-
 // The missing-value report hands printf a fresh scratch buffer as its format, with the
 // message and the key as arguments that the format never asks for. The buffer is cleared,
 // so nothing is printed, and it is deliberately never released. Kept out of line so that
 // the leak checker's suppression can name it.
-__attribute__((noinline)) char* gUnreleasedHubScratch(size_t size) {
+__attribute__((noinline)) char* unreleasedHubScratch(size_t size) {
     char* const scratch = new char[size];
     std::memset(scratch, 0, size);
     return scratch;
 }
 
-void gReportMissingValue(char const* key) {
-    char* const scratch = gUnreleasedHubScratch(std::strlen(key) + kScratchRoom);
+void reportMissingValue(char const* key) {
+    char* const scratch = unreleasedHubScratch(std::strlen(key) + kScratchRoom);
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 #pragma GCC diagnostic ignored "-Wformat-security"
@@ -48,13 +41,13 @@ void gReportMissingValue(char const* key) {
 
 // First walk over the pairs: the buffer size and the pair count, or false (after the
 // missing-value report) when a key has a null value.
-bool gMeasure(va_list args, size_t& room, int& count) {
+bool measure(va_list args, size_t& room, int& count) {
     for (;;) {
         char const* const key = va_arg(args, char const*);
         if (key == nullptr) return true;
         char const* const value = va_arg(args, char const*);
         if (value == nullptr) {
-            gReportMissingValue(key);
+            reportMissingValue(key);
             return false;
         }
         ++count;
@@ -70,16 +63,17 @@ char* DumpHubVArray(char const* from, va_list args) {
     int count = 1;  // the sender pair
     va_list sizing;
     va_copy(sizing, args);
-    bool const complete = gMeasure(sizing, room, count);
+    bool const complete = measure(sizing, room, count);
     va_end(sizing);
     if (!complete) return nullptr;
 
-    std::string text = std::to_string(count);
-    gAppendCounted(text, kSenderKey);
-    gAppendCounted(text, from);
+    std::string text;
+    nAssoText::appendDecimal(text, count);
+    nAssoText::appendPiece(text, kSenderKey);
+    nAssoText::appendPiece(text, from);
     while (char const* const key = va_arg(args, char const*)) {
-        gAppendCounted(text, key);
-        gAppendCounted(text, va_arg(args, char const*));
+        nAssoText::appendPiece(text, key);
+        nAssoText::appendPiece(text, va_arg(args, char const*));
     }
     // The fixed room covers any realistic text; only lengths of a billion bytes and more
     // could need one byte beyond it.

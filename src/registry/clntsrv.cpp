@@ -2,7 +2,7 @@
 // The registration calls (register, unregister) live in socketlib.cpp.
 #include "clntsrv.h"
 
-#include "Log.h"
+#include "log_records.h"
 
 #include <algorithm>
 
@@ -13,8 +13,6 @@ char const kModule[] = "clntsrv";
 // The process-wide serial counter. Objects are created from one thread at a time, so a
 // plain int is enough.
 int serialValidateObject = 0;
-
-void gReportError(int line) { COLLOQUY_LOG_AT(nLog::nBasic::sErrorTag_, kModule, line); }
 
 }  // namespace
 
@@ -55,7 +53,7 @@ bool BaseEvent::isEqual(RWCollectable const*) const { return false; }
 
 int BaseEvent::dispatchMe() {
     if (eventClient == nullptr) {
-        gReportError(__LINE__);
+        nLogRecords::logError(kModule, __LINE__);
         return 0;  // nobody to ask
     }
     return eventClient->dispatch(*this);
@@ -65,7 +63,7 @@ char const* BaseEvent::nameOf() const { return "BaseEvent"; }
 
 int BaseEvent::dispatchEvent(BaseEvent& incoming) {
     if (eventClient == nullptr) {
-        gReportError(__LINE__);
+        nLogRecords::logError(kModule, __LINE__);
         return 0;
     }
     incoming.handlerIndex = handlerIndex;
@@ -81,7 +79,7 @@ ClientObj::~ClientObj() = default;
 char const* ClientObj::nameOf() const { return "ClientObj"; }
 
 int ClientObj::signOn(ClientHandler handler) {
-    if (handler == nullptr) gReportError(__LINE__);  // stored all the same
+    if (handler == nullptr) nLogRecords::logError(kModule, __LINE__);  // stored all the same
     if (highestIndex == kMaxHandlerIndex) return -1;
     if (highestIndex == handlerCount) {
         // The normal path: the next index, so the first handler gets 1 and slot 0 stays empty.
@@ -93,24 +91,24 @@ int ClientObj::signOn(ClientHandler handler) {
     // The counters differ, which only a derived class tampering with them brings about:
     // report it and reuse the first occupied slot from highestIndex on (highestIndex itself
     // when there is none), keeping every access inside the table.
-    gReportError(__LINE__);
+    nLogRecords::logError(kModule, __LINE__);
     int const from = std::clamp(highestIndex, 0, kMaxHandlerIndex);
     int index = from;
     while (index <= kMaxHandlerIndex && handlerTable[index] == nullptr) ++index;
     if (index > kMaxHandlerIndex) index = from;
-    if (index != highestIndex) gReportError(__LINE__);
+    if (index != highestIndex) nLogRecords::logError(kModule, __LINE__);
     handlerTable[index] = handler;
     ++handlerCount;
-    if (handlerCount > highestIndex) gReportError(__LINE__);
+    if (handlerCount > highestIndex) nLogRecords::logError(kModule, __LINE__);
     return index;
 }
 
 int ClientObj::dispatch(BaseEvent& event) {
     int const index = event.handlerIndex;
     // Signed test of the upper bound only: a negative index is not reported.
-    if (index > kMaxHandlerIndex - 1) gReportError(__LINE__);
+    if (index > kMaxHandlerIndex - 1) nLogRecords::logError(kModule, __LINE__);
     bool const inTable = index >= 0 && index <= kMaxHandlerIndex;
-    if (inTable && handlerTable[index] == nullptr) gReportError(__LINE__);
+    if (inTable && handlerTable[index] == nullptr) nLogRecords::logError(kModule, __LINE__);
     if (!inTable || handlerTable[index] == nullptr) return -1;  // no handler: keep the client
     return (this->*handlerTable[index])(event);
 }
@@ -120,15 +118,15 @@ int ClientObj::dispatch(BaseEvent& event) {
 namespace {
 
 // The table only takes a positive size hint; it grows as events are added.
-size_t gBucketHint(int buckets) { return static_cast<size_t>(std::clamp(buckets, 1, 1 << 16)); }
+size_t bucketHint(int buckets) { return static_cast<size_t>(std::clamp(buckets, 1, 1 << 16)); }
 
 }  // namespace
 
-ServerObj::ServerObj(int buckets) : eventTable(std::make_unique<RWHashTable>(gBucketHint(buckets))) {}
+ServerObj::ServerObj(int buckets) : eventTable(std::make_unique<RWHashTable>(bucketHint(buckets))) {}
 
 ServerObj::~ServerObj() {
     if (eventTable == nullptr) {
-        gReportError(__LINE__);
+        nLogRecords::logError(kModule, __LINE__);
         return;
     }
     eventTable->clearAndDestroy();

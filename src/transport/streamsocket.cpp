@@ -2,10 +2,9 @@
 
 #include "Log.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -122,38 +121,69 @@ bool StreamSocket::SendTypedMessageBatch(const cTypedMessageBatch& batch, long* 
     return sent == total;
 }
 
-bool StreamSocket::WaitTypedMessageInto(short& type, short& subType, std::vector<char>& body,
-                                        nSock::iLatencyConfiguration* latency) {
-    COLLOQUY_LOG(nColloquy::sTraceTag_, kModule);
-    // One validated handle serves the header and the body.
-    nSock::cHandleValid const handle = nSock::gValidate(mHandle);
-    c_MessageHeader header;
-    if (!nSock::gReceive(handle, sizeof header, reinterpret_cast<char*>(&header), false, latency)) return false;
-    int32_t const length = static_cast<int32_t>(ntohl(static_cast<uint32_t>(header.bodyLength)));
-    if (length < 0) return false;
-    auto const n = static_cast<std::size_t>(length);
-    // The buffer grows with the bytes that arrive, not with what the header announces: at most
-    // kFirstStep at once, then at most doubling.
-    constexpr std::size_t kFirstStep = std::size_t(1) << 20;
-    for (std::size_t got = 0; got < n;) {
-        std::size_t const step = std::min(n - got, std::max(kFirstStep, got));
-        if (body.size() < got + step) body.resize(got + step);
-        if (!nSock::gReceive(handle, static_cast<int>(step), body.data() + got, true, latency)) return false;
-        got += step;
-    }
-    body.resize(n);
-    COLLOQUY_LOG(nColloquy::sTraceTag_, kModule, "StreamSocket:WaitTypedMessageInto", n,
-                 std::string_view(body.data(), n));
-    type = static_cast<short>(ntohs(static_cast<uint16_t>(header.messageType)));
-    subType = static_cast<short>(ntohs(static_cast<uint16_t>(header.messageSubType)));
-    return true;
-}
-
 int StreamSocket::GetMessageHeaderZ1(c_MessageHeader* header, nSock::iLatencyConfiguration* latency) {
     COLLOQUY_LOG(nColloquy::sTraceTag_, kModule);
     if (!ReadDataZ1(sizeof *header, reinterpret_cast<char*>(header), false, latency)) return -1;
-    return static_cast<int32_t>(ntohl(static_cast<uint32_t>(header->bodyLength)));
+    return gBodyLengthOf(*header);
 }
+
+namespace {
+
+// Bodies up to this size get their buffer at once; a larger one grows as its bytes arrive, so
+// that a header alone (up to 2 GiB announced) cannot make the receiver reserve memory.
+constexpr int kGrowAbove = 1 << 20;
+
+// The latency configuration of the reads of one body: together they take no longer than one
+// receive of the caller's configuration would (its continuation limit, from the first read on).
+class cBodyLatency : public nSock::iLatencyConfiguration {
+  public:
+    explicit cBodyLatency(nSock::iLatencyConfiguration* outer)
+        : mLimit(outer ? outer->receiveLimit(true) : std::nullopt), mStart(std::chrono::steady_clock::now()) {}
+    ~cBodyLatency() override = default;
+    std::optional<nTime::cDiff> receiveLimit(bool) const override {
+        if (!mLimit) return std::nullopt;
+        auto const spent =
+            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - mStart);
+        return *mLimit - nTime::cDiff(spent.count());
+    }
+
+  private:
+    std::optional<nTime::cDiff> mLimit;
+    std::chrono::steady_clock::time_point mStart;
+};
+
+// The body of `n` bytes: one array of exactly `n` bytes, or null when a read or an allocation
+// failed (`allocationFailed` tells which). The buffer of a failed read is kept, not released:
+// a reader that lost its place in the stream closes the connection, and the buffer stays with
+// the failed read (deliberate). Memory beyond kGrowAbove follows the bytes received: the buffer
+// doubles once full, and reaches exactly `n` bytes with the last step.
+char* receiveBody(StreamSocket& socket, int n, nSock::iLatencyConfiguration* latency, bool& allocationFailed) {
+    allocationFailed = false;
+    if (n <= kGrowAbove) {
+        char* body = new (std::nothrow) char[static_cast<size_t>(n)];
+        allocationFailed = body == nullptr;
+        return body && socket.ReadDataZ1(n, body, true, latency) ? body : nullptr;
+    }
+    cBodyLatency bodyLatency(latency);
+    nSock::iLatencyConfiguration* const reads = latency ? &bodyLatency : nullptr;
+    int capacity = kGrowAbove;
+    char* body = new (std::nothrow) char[static_cast<size_t>(capacity)];
+    for (int done = 0; body != nullptr;) {
+        if (!socket.ReadDataZ1(capacity - done, body + done, true, reads)) return nullptr;
+        done = capacity;
+        if (done == n) return body;
+        int const grown = capacity > n / 2 ? n : capacity * 2;
+        char* larger = new (std::nothrow) char[static_cast<size_t>(grown)];
+        if (larger) std::memcpy(larger, body, static_cast<size_t>(done));
+        delete[] body;
+        body = larger;
+        capacity = grown;
+    }
+    allocationFailed = true;
+    return nullptr;
+}
+
+}  // namespace
 
 bool StreamSocket::WaitTypedMessageZ1(short& type, short& subType, char*& data, int& length,
                                       nSock::iLatencyConfiguration* latency) {
@@ -162,16 +192,59 @@ bool StreamSocket::WaitTypedMessageZ1(short& type, short& subType, char*& data, 
     int const n = GetMessageHeaderZ1(&header, latency);
     if (n < 0) return false;
     if (n > 0) {
-        char* body = new char[n];
-        // On failure the body buffer is kept, not released: a reader that lost its place in the
-        // stream closes the connection, and the buffer stays with the failed read (deliberate).
-        if (!ReadDataZ1(n, body, true, latency)) return false;
+        // A body above the connection's maximum is not read, and one that cannot be allocated
+        // fails the receive: both are reported, neither throws.
+        std::optional<int> const limit = nSock::gMaxMessageSize(mHandle);
+        bool allocationFailed = false;
+        char* body = limit && n > *limit ? nullptr : receiveBody(*this, n, latency, allocationFailed);
+        if (!body) {
+            if (allocationFailed || (limit && n > *limit)) COLLOQUY_LOG(nLog::nBasic::sErrorTag_, kModule);
+            return false;
+        }
         COLLOQUY_LOG(nColloquy::sTraceTag_, kModule, "StreamSocket:WaitTypedMessageZ1", n,
                      std::string_view(body, static_cast<size_t>(n)));
         data = body;
     }
     length = n;
-    type = static_cast<short>(ntohs(static_cast<uint16_t>(header.messageType)));
-    subType = static_cast<short>(ntohs(static_cast<uint16_t>(header.messageSubType)));
+    type = gMessageTypeOf(header);
+    subType = gMessageSubTypeOf(header);
+    return true;
+}
+
+bool StreamSocket::WaitTypedMessageInto(short& type, short& subType, std::vector<char>& body,
+                                        nSock::iLatencyConfiguration* latency) {
+    COLLOQUY_LOG(nColloquy::sTraceTag_, kModule);
+    // One validated handle serves the header and the body.
+    nSock::cHandleValid const handle = nSock::gValidate(mHandle);
+    c_MessageHeader header;
+    if (!nSock::gReceive(handle, sizeof header, reinterpret_cast<char*>(&header), false, latency)) return false;
+    int32_t const n = gBodyLengthOf(header);
+    if (n < 0) return false;
+    if (std::optional<int> const limit = nSock::gMaxMessageSize(mHandle); limit && n > *limit) {
+        COLLOQUY_LOG(nLog::nBasic::sErrorTag_, kModule);
+        return false;
+    }
+    // Up to kGrowAbove bytes the buffer is sized at once; beyond, it grows with the bytes that
+    // arrive (at most doubling), not with what the header announces, and the reads together
+    // take no longer than one receive would.
+    std::optional<cBodyLatency> bodyLatency;
+    nSock::iLatencyConfiguration* const reads = latency && n > kGrowAbove ? &bodyLatency.emplace(latency) : latency;
+    auto const size = static_cast<std::size_t>(n);
+    try {
+        for (std::size_t got = 0; got < size;) {
+            std::size_t const step = std::min(size - got, std::max(static_cast<std::size_t>(kGrowAbove), got));
+            if (body.size() < got + step) body.resize(got + step);
+            if (!nSock::gReceive(handle, static_cast<int>(step), body.data() + got, true, reads)) return false;
+            got += step;
+        }
+        body.resize(size);
+    } catch (std::bad_alloc const&) {
+        COLLOQUY_LOG(nLog::nBasic::sErrorTag_, kModule);  // reported like a failed read, not thrown
+        return false;
+    }
+    COLLOQUY_LOG(nColloquy::sTraceTag_, kModule, "StreamSocket:WaitTypedMessageInto", n,
+                 std::string_view(body.data(), size));
+    type = gMessageTypeOf(header);
+    subType = gMessageSubTypeOf(header);
     return true;
 }

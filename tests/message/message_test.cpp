@@ -4,6 +4,7 @@
 // a heap copy of exactly its size, which the sanitizer build watches) and a malformed buffer
 // maps to empty texts, no body and all-bits-one numbers.
 #include "netmsg.h"
+#include "zepnames.h"
 #include "zeppackmsg.h"
 
 #include "tagscope.h"
@@ -12,6 +13,7 @@
 
 #include <cstring>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -134,35 +136,32 @@ TEST(Message, TypedMessagesAreTakenOverAndDeletionIsVirtual) {
     cTypedMessageObject owner(1, 2, new char[10], 10);  // the sanitizer build reports a leak otherwise
 }
 
-TEST(Message, NullBodyEndsThePackedFieldList) {
-    ErrorRecords on;
-    cColloquyMessage m(1, "a", "b", "c", "d", QType(4), 0, 0, nullptr, 0);
-    EXPECT_EQ(on.count("netmsg"), 3u);  // a null body, an empty one, and packing it
-    EXPECT_EQ(packedBytes(m), "5 2 2 2 2 2 a\0b\0c\0d\0"s + "4\0"s);
-    EXPECT_EQ(m.body, nullptr);
-    EXPECT_EQ(m.userValue, 0xFFFFFFFFu);
-}
-
-TEST(Message, ErrorRecordsForEmptyBodiesAndNullBuffers) {
-    struct Case {
-        char const* what;
+TEST(Message, ErrorRecordsForNullOrEmptyBodiesAndNullBuffers) {
+    {
+        ErrorRecords on;
+        cColloquyMessage m(1, "a", "b", "c", "d", QType(4), 0, 0, nullptr, 0);
+        EXPECT_EQ(on.count("netmsg"), 3u);                                // a null body, an empty one, and packing it
+        EXPECT_EQ(packedBytes(m), "5 2 2 2 2 2 a\0b\0c\0d\0"s + "4\0"s);  // the null body ends the field list
+        EXPECT_EQ(m.body, nullptr);
+        EXPECT_EQ(m.userValue, 0xFFFFFFFFu);
+    }
+    struct {
         void (*run)();
         std::size_t records;
     } const cases[] = {
-        {"full constructor, body of length 0",
-         [] { cColloquyMessage m(1, "a", "b", "c", "d", QType(0), 0, 0, "x", 0); }, 2},
-        {"typed message with an empty body",
-         [] {
+        {[] { cColloquyMessage m(1, "a", "b", "c", "d", QType(0), 0, 0, "x", 0); }, 2},
+        {[] {
              c_Pack const p("a", 2, "b", 2, "c", 2, "d", 2, "0", 2, "", 0, "1", 2, "352", 4, kEnd);
              ZEPDeleteMsg(ZEPTmo2Cqm(new cTypedMessageObject(0, 0, p.theBuffer, p.thePackedMsgLen())));
          },
          1},
-        {"unPackMe of a null buffer (also malformed)", [] { cColloquyMessage m(nullptr, 50, 0, 0); }, 2},
+        {[] { cColloquyMessage m(nullptr, 50, 0, 0); }, 2},  // also malformed
+        {[] { ZEPDeleteMsg(ZEPTmo2Cqm(nullptr)); }, 2},
     };
-    for (Case const& c : cases) {
+    for (auto const& c : cases) {
         ErrorRecords on;
         c.run();
-        EXPECT_EQ(on.count("netmsg"), c.records) << c.what;
+        EXPECT_EQ(on.count("netmsg"), c.records) << &c - cases;
     }
 }
 
@@ -199,6 +198,7 @@ std::vector<std::pair<char const*, std::string>> malformedCases() {
         {"length above the int range", "8 2147483648 4 6 6 2 2 2 4 " + data},
         {"length runs past the end", "8 2147483647 4 6 6 2 2 2 4 " + data},
         {"five fields", "5 2 2 2 2 2 a\0b\0c\0d\0e\0"s},
+        {"a length that is no number", "6 3 2 2 2 2 \0x\0b\0c\0d\0"s + "5\0"s},
         {"host without its zero byte", "6 1 2 2 2 2 1 Xb\0c\0d\0e\0Z"s},
         {"formatStamp without its zero byte at the very end", "8 6 4 6 6 2 2 2 3 "s + data.substr(0, 31) + "352"s},
     };
@@ -239,9 +239,6 @@ TEST(MalformedBuffer, CopiedOrTakenOverMapsToTheEmptyOutcome) {
         expectMalformedMapping(*m);
         ZEPDeleteMsg(m);
     }
-    ErrorRecords on;
-    ZEPDeleteMsg(ZEPTmo2Cqm(nullptr));
-    EXPECT_EQ(on.count("netmsg"), 2u);
 }
 
 TEST(MalformedBuffer, EveryTruncationOfAValidMessageIsRejectedAndTrailingBytesIgnored) {
@@ -256,6 +253,33 @@ TEST(MalformedBuffer, EveryTruncationOfAValidMessageIsRejectedAndTrailingBytesIg
     cColloquyMessage m(longer.data(), static_cast<unsigned int>(longer.size()), 1, 2);
     EXPECT_EQ(m.formatStamp, 352u);
     EXPECT_EQ(bodyBytes(m), "hi");
+}
+
+// Addresses: split by the tokenizer rule ('@' only, repeats skipped), joined with the separator
+// always written, null texts refused.
+TEST(Address, SplitsAtTheFirstTwoTokensAndJoinsWithTheSeparator) {
+    struct {
+        char const *text, *name, *host;
+    } const cases[] = {
+        {"agent@host7", "agent", "host7"},
+        {"agent", "agent", ""},
+        {"@host7", "host7", ""},
+        {"@@a@@@b@c", "a", "b"},
+        {"", "", ""},
+        {"name with blanks@host-1", "name with blanks", "host-1"},  // blanks do not separate
+    };
+    for (auto const& c : cases) {
+        CColloquyAddress const address(c.text);
+        EXPECT_EQ(address.namePart, c.name) << c.text;
+        EXPECT_EQ(address.hostPart, c.host) << c.text;
+        EXPECT_EQ(address.fullAddress, c.text);
+    }
+    EXPECT_THROW(CColloquyAddress(static_cast<char const*>(nullptr)), std::invalid_argument);
+    EXPECT_EQ(CColloquyAddress("agent", "host7").fullAddress, "agent@host7");
+    EXPECT_EQ(CColloquyAddress("", "").fullAddress, "@");
+    EXPECT_EQ(CColloquyAddress("a@b", "c").fullAddress, "a@b@c");
+    EXPECT_THROW(CColloquyAddress(nullptr, "host"), std::invalid_argument);
+    EXPECT_THROW(CColloquyAddress("name", nullptr), std::invalid_argument);
 }
 
 }  // namespace

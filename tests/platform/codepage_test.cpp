@@ -23,35 +23,51 @@ std::string convert(unsigned from, unsigned to, std::string const& text, int sou
 TEST(CodePage, SizeQueryCountsTheTerminatingNul) {
     EXPECT_EQ(ANSIToANSI(1252, 65001, "caf\xe9", -1, nullptr, 0), 6);
     EXPECT_EQ(ANSIToANSI(1252, 65001, "", -1, nullptr, 0), 1);
-    char small[5];
-    EXPECT_EQ(ANSIToANSI(1252, 65001, "caf\xe9", -1, small, sizeof small), 0);  // too small
+    char room[6];
+    EXPECT_EQ(ANSIToANSI(1252, 65001, "caf\xe9", -1, room, 5), 0);  // too small
+    EXPECT_EQ(ANSIToANSI(1252, 65001, "caf\xe9", -1, room, 6), 6);  // without a size query first
+    EXPECT_STREQ(room, "caf\xc3\xa9");
+    // A size query for one pair of code pages is no answer for another pair.
+    EXPECT_EQ(ANSIToANSI(1252, 65001, "\x80", -1, nullptr, 0), 4);
+    EXPECT_EQ(ANSIToANSI(28591, 65001, "\x80", -1, room, 6), 3);
+    EXPECT_STREQ(room, "\xc2\x80");
+    EXPECT_EQ(ANSIToANSI(65001, 1252, "\xe2\x82\xac", -1, nullptr, 0), 2);
+    EXPECT_EQ(ANSIToANSI(65001, 28591, "\xe2\x82\xac", -1, room, 6), 2);
+    EXPECT_STREQ(room, "?");
     EXPECT_EQ(ANSIToANSI(1252, 65001, nullptr, -1, nullptr, 0), 0);
     EXPECT_EQ(ANSIToANSI(1252, 65001, "x", -1, nullptr, 5), 0);  // a size without a buffer
 }
 
-TEST(CodePage, ConvertsByteExactly) {
-    EXPECT_EQ(convert(1252, 65001, "caf\xe9 \x80"), "caf\xc3\xa9 \xe2\x82\xac");
-    EXPECT_EQ(convert(65001, 1252, "caf\xc3\xa9 \xe2\x82\xac"), "caf\xe9 \x80");
-    EXPECT_EQ(convert(20866, 65001, "\xc1"), "\xd0\xb0");        // KOI8-R
-    EXPECT_EQ(convert(932, 65001, "\x82\xa0"), "\xe3\x81\x82");  // Shift-JIS, two bytes
-    EXPECT_EQ(convert(28605, 65001, "\xa4"), "\xe2\x82\xac");    // ISO-8859-15
-    // An explicit length: bytes past it are not read, NUL bytes inside it are converted.
-    EXPECT_EQ(convert(1252, 65001, std::string("\xe9zz", 3), 1), "\xc3\xa9");
-    EXPECT_EQ(convert(1252, 65001, std::string("a\0\xe9", 3), 3), std::string("a\0\xc3\xa9", 4));
-}
-
-TEST(CodePage, BytesWithoutCounterpartBecomeQuestionMarks) {
-    EXPECT_EQ(convert(65001, 20127,
-                      "a\xc3\xa9"
-                      "b\xe2\x82\xac"
-                      "c"),
-              "a?b?c");                                // one "?" per character
-    EXPECT_EQ(convert(65001, 1252, "x\xffy"), "x?y");  // not valid UTF-8
-    EXPECT_EQ(convert(65001, 1252, "x\xc3"), "x?");    // cut short at the end
-    EXPECT_EQ(convert(1252, 65001,
-                      "\x81"
-                      "a"),
-              "?a");  // undefined in 1252
+TEST(CodePage, ConvertsByteExactlyWithQuestionMarksForBytesWithoutCounterpart) {
+    std::string euros;
+    for (int i = 0; i < 200; ++i) euros += "\xe2\x82\xac";
+    struct {
+        unsigned from, to;
+        std::string text, converted;
+        int length;
+    } const cases[] = {
+        {1252, 65001, "caf\xe9 \x80", "caf\xc3\xa9 \xe2\x82\xac", -1},
+        {65001, 1252, "caf\xc3\xa9 \xe2\x82\xac", "caf\xe9 \x80", -1},
+        {20866, 65001, "\xc1", "\xd0\xb0", -1},        // KOI8-R
+        {932, 65001, "\x82\xa0", "\xe3\x81\x82", -1},  // Shift-JIS, two bytes
+        {28605, 65001, "\xa4", "\xe2\x82\xac", -1},    // ISO-8859-15
+        {1252, 65001, "\xe9zz", "\xc3\xa9", 1},        // bytes past the length are not read
+        {1252, 65001, std::string("a\0\xe9", 3), std::string("a\0\xc3\xa9", 4), 3},  // NUL bytes inside are
+        // Output three times the input outgrows the first buffer, with room left for part of a character.
+        {1252, 65001, std::string(200, '\x80'), euros, -1},
+        {65001, 20127,
+         "a\xc3\xa9"
+         "b\xe2\x82\xac"
+         "c",
+         "a?b?c", -1},                       // one "?" per character
+        {65001, 1252, "x\xffy", "x?y", -1},  // not valid UTF-8
+        {65001, 1252, "x\xc3", "x?", -1},    // cut short at the end
+        {1252, 65001,
+         "\x81"
+         "a",
+         "?a", -1},  // undefined in 1252
+    };
+    for (auto const& c : cases) EXPECT_EQ(convert(c.from, c.to, c.text, c.length), c.converted) << c.text;
 }
 
 TEST(CodePage, EveryListedCodePageIsKnownAndOthersAreNot) {
@@ -60,15 +76,13 @@ TEST(CodePage, EveryListedCodePageIsKnownAndOthersAreNot) {
     for (unsigned p = 28591; p <= 28606; ++p)
         if (p != 28602) pages.push_back(p);  // there is no ISO-8859-12
     for (unsigned page : pages) {
-        SCOPED_TRACE(page);
-        EXPECT_EQ(convert(page, 65001, "Az 09"), "Az 09");
-        EXPECT_EQ(convert(65001, page, "Az 09"), "Az 09");
+        EXPECT_EQ(convert(page, 65001, "Az 09"), "Az 09") << page;
+        EXPECT_EQ(convert(65001, page, "Az 09"), "Az 09") << page;
     }
-    char buffer[16];
-    for (unsigned unknown : {0u, 437u, 1249u, 1259u, 28602u, 28607u}) {
-        SCOPED_TRACE(unknown);
-        EXPECT_EQ(ANSIToANSI(unknown, 65001, "a", -1, nullptr, 0), 0);
-        EXPECT_EQ(ANSIToANSI(65001, unknown, "a", -1, buffer, sizeof buffer), 0);
+    EXPECT_EQ(convert(28597, 65001, "\xe1"), "\xce\xb1");  // ISO-8859-7, found by its number
+    for (unsigned unknown : {0u, 437u, 1249u, 1259u, 28590u, 28602u, 28607u}) {
+        EXPECT_EQ(convert(unknown, 65001, "a"), "<failed>") << unknown;
+        EXPECT_EQ(convert(65001, unknown, "a"), "<failed>") << unknown;
     }
 }
 

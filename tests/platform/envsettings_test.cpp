@@ -9,7 +9,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <string>
 
 namespace fs = std::filesystem;
@@ -18,82 +17,65 @@ namespace {
 
 std::string property(int handle, char const* key) { return nEnvSettings::gGetPropertyStream(handle, key).stdString(); }
 
+// A table of its own per lookup: the value of `key`, marked when no file was found.
+std::string lookUp(std::string const& name, char const* key) {
+    QREnvContainerClass table;
+    int handle = 0;
+    bool const found = nEnvSettings::gFileInitTable(table, name.c_str(), handle);
+    return (found ? "" : "not found:") + property(handle, key);
+}
+
 // A scratch directory for settings files; restores the working directory and QR_BIN.
 class Settings : public ::testing::Test {
   protected:
-    void SetUp() override {
-        mDir = gScratchDirectory("envsettings_test");
-        ASSERT_FALSE(mDir.empty());
-    }
+    void SetUp() override { ASSERT_FALSE(mDir.empty()); }
     void TearDown() override {
         fs::current_path(mCwd);
         fs::remove_all(mDir);
     }
-    // Writes `text` to `relative`, making its directory, and gives the path.
     std::string write(std::string const& relative, std::string const& text) {
-        fs::path const path = mDir / relative;
-        fs::create_directories(path.parent_path());
-        std::ofstream(path, std::ios::binary) << text;
-        return path;
+        fs::create_directories((mDir / relative).parent_path());
+        gWriteFile(mDir / relative, text);
+        return mDir / relative;
     }
-
-    fs::path mDir;
+    fs::path const mDir = gScratchDirectory("envsettings_test");
     fs::path const mCwd = fs::current_path();
-    EnvScope mQrBin{"QR_BIN", std::getenv("QR_BIN")};
+    EnvScope mQrBin{"QR_BIN", (mDir / "bin").c_str()};
 };
 
 TEST_F(Settings, IniRules) {
-    std::string const path = write("rules.ini",
-                                   "; a comment\r\n"
-                                   "# another = comment\n"
-                                   "top = 1\n"
-                                   "[first]\n"
-                                   "  spaced key  =  spaced value  \r\n"
-                                   "dup=first\n"
-                                   "no equals sign\n"
-                                   "empty=\n"
-                                   "=nokey\n"
-                                   "[second]\n"
-                                   "dup=second\n"
-                                   "eq=a=b\n");
-    QREnvContainerClass table;
-    int handle = 0;
-    ASSERT_TRUE(nEnvSettings::gFileInitTable(table, path.c_str(), handle));
+    std::string const path =
+        write("rules.ini",
+              "; a comment\r\n# another = comment\ntop = 1\n[first]\n  spaced key  =  spaced value  \r\n"
+              "dup=first\nno equals sign\nempty=\n=nokey\n[second]\ndup=second\neq=a=b\n");
     // Every section is searched and the first match wins; keys are case-sensitive.
     std::pair<char const*, char const*> const expected[] = {
         {"top", "1"},  {"spaced key", "spaced value"}, {"dup", "first"},  {"eq", "a=b"},
-        {"empty", ""}, {"no equals sign", ""},         {"# another", ""}, {"Top", ""}};
-    for (auto const& [key, value] : expected) EXPECT_EQ(property(handle, key), value) << key;
+        {"empty", ""}, {"no equals sign", ""},         {"# another", ""}, {"Top", ""},
+        {"", ""}};
+    for (auto const& [key, value] : expected) EXPECT_EQ(lookUp(path, key), value) << key;
 }
 
 TEST_F(Settings, BareNamesAreFoundInTheCurrentDirectoryThenInQrBin) {
     write("bin/vantage.ini", "where=bin\nonly=bin\n");
-    setenv("QR_BIN", (mDir / "bin").c_str(), 1);
     fs::create_directory(mDir / "work");
     fs::current_path(mDir / "work");
-    // A table of its own per lookup: the value read, marked when no file was found.
-    auto lookup = [](char const* name, char const* key = "where") {
-        QREnvContainerClass table;
-        int handle = 0;
-        bool const found = nEnvSettings::gFileInitTable(table, name, handle);
-        return (found ? "" : "not found:") + property(handle, key);
-    };
-    EXPECT_EQ(lookup("vantage.ini"), "bin");
+    EXPECT_EQ(lookUp("vantage.ini", "where"), "bin");
     write("work/vantage.ini", "where=work\n");
-    EXPECT_EQ(lookup("vantage.ini"), "work");
-    EXPECT_EQ(lookup("vantage.ini", "only"), "");  // one file only
-    EXPECT_EQ(lookup("absent.ini"), "not found:");
-    EXPECT_EQ(lookup("#(QR_BIN)/vantage.ini"), "bin");  // a path with a macro is resolved, not searched for
+    EXPECT_EQ(lookUp("vantage.ini", "where"), "work");
+    EXPECT_EQ(lookUp("vantage.ini", "only"), "");  // one file only
+    EXPECT_EQ(lookUp("absent.ini", "where"), "not found:");
+    EXPECT_EQ(lookUp("#(QR_BIN)/vantage.ini", "where"), "bin");  // a path is resolved, not searched for
+    write("bin/sub/s.ini", "where=sub\n");
+    EXPECT_EQ(lookUp("sub/s.ini", "where"), "not found:");  // nor is a relative path
 }
 
 TEST_F(Settings, HandlesLiveWithTheirTable) {
     std::string const path = write("h.ini", "k=v\n");
-    int handle = 0;
+    int handle = 0, second = 0;
     {
-        QREnvContainerClass table;
+        QREnvContainerClass table, other;
         ASSERT_TRUE(nEnvSettings::gFileInitTable(table, path.c_str(), handle));
-        int second = 0;
-        QREnvContainerClass other;
         ASSERT_FALSE(nEnvSettings::gFileInitTable(other, (path + ".missing").c_str(), second));
         EXPECT_NE(handle, second);
         EXPECT_EQ(property(handle, "k"), "v");
@@ -112,10 +94,9 @@ TEST_F(Settings, MacrosExpandFromTheEnvironment) {
     EXPECT_EQ(resolve("a#(ENVSETTINGS_TEST_UNSET)b"), "ab");
     EXPECT_EQ(resolve("keep #(open"), "keep #(open");
     EXPECT_EQ(resolve(nullptr), "");
-    setenv("QR_BIN", "/set/bin", 1);
-    EXPECT_EQ(resolve("#(QR_BIN)/vantage.ini"), "/set/bin/vantage.ini");
+    EXPECT_EQ(resolve("#(QR_BIN)/vantage.ini"), (mDir / "bin/vantage.ini").string());
     // Unset, QR_BIN is the directory of this test program.
-    unsetenv("QR_BIN");
+    EnvScope noQrBin("QR_BIN", nullptr);
     EXPECT_EQ(fs::canonical(resolve("#(QR_BIN)")), fs::canonical(COLLOQUY_TEST_BINARY_DIR));
 }
 

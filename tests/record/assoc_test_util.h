@@ -1,4 +1,4 @@
-// The pairs of a record as a sorted map, for the record tests.
+// The pairs of a record in short form, and the texts of captured records, for the record tests.
 #ifndef ASSOC_TEST_UTIL_H
 #define ASSOC_TEST_UTIL_H
 
@@ -8,21 +8,27 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 namespace assoctest {
 
-using Pairs = std::map<std::string, std::string>;
-
-// Every pair of the record, walked with the dictionary's own iterator.
-inline Pairs pairsOf(CAssociativeArray& record) {
-    Pairs pairs;
+// Every pair of the record, walked with the dictionary's own iterator, as "key=value" lines
+// sorted by key.
+inline std::string pairsOf(CAssociativeArray& record) {
+    std::map<std::string, std::string> pairs;
     RWHashDictionaryIterator next(record);
-    while (RWCollectable* key = next()) {
-        auto const& k = static_cast<RWCollectableString const&>(*key);
-        auto const& v = static_cast<RWCollectableString const&>(*next.value());
-        pairs.emplace(k.stdString(), v.stdString());
-    }
-    return pairs;
+    while (RWCollectable* key = next())
+        pairs.emplace(static_cast<RWCollectableString const&>(*key).stdString(),
+                      static_cast<RWCollectableString const&>(*next.value()).stdString());
+    std::string text;
+    for (auto const& [key, value] : pairs) text += key + "=" + value + "\n";
+    return text;
+}
+
+inline std::vector<std::string> texts(nTagScope::ErrorRecords const& records) {
+    std::vector<std::string> texts;
+    for (nLog::cRecord const& r : records.records()) texts.push_back(r.text);
+    return texts;
 }
 
 }  // namespace assoctest

@@ -1,80 +1,100 @@
-// The record: adding and replacing, numbers and arrays, the readers with and without a
-// default, the exceptions, Reset and the move constructor; and the text form writer:
-// byte-exact images, the two flags that leave bulky values out, the cache every call rewrites.
+// The record: adding and replacing, numbers and arrays, the readers with and without a default,
+// the exceptions, Reset and the move constructor, the objects it hands out; the text form
+// writer (byte-exact images, the flags that leave bulky values out, the cache every call
+// rewrites); and its heap use (lookups allocate nothing, false lengths reserve nothing).
 #include "assoc_test_util.h"
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <set>
+#include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
-using assoctest::Pairs;
+using namespace std::string_literals;
+
 using assoctest::pairsOf;
 
 namespace {
 
-TEST(AssociativeArrayRecord, LastValueWinsAndFirstKeyObjectStays) {
+std::atomic<bool> gCounting{false};
+std::atomic<size_t> gAllocations{0}, gLargest{0};
+
+void* allocate(size_t size) {
+    if (gCounting.load(std::memory_order_relaxed)) {
+        ++gAllocations;
+        for (size_t largest = gLargest.load(); size > largest && !gLargest.compare_exchange_weak(largest, size);) {
+        }
+    }
+    if (void* p = std::malloc(size ? size : 1)) return p;
+    throw std::bad_alloc();
+}
+
+// The heap allocations `run` makes: how many, and the largest.
+template <class Run>
+std::pair<size_t, size_t> heapUse(Run run) {
+    gAllocations = gLargest = 0;
+    gCounting = true;
+    run();
+    gCounting = false;
+    return {gAllocations, gLargest};
+}
+
+}  // namespace
+
+void* operator new(size_t size) { return allocate(size); }
+void* operator new[](size_t size) { return allocate(size); }
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete[](void* p) noexcept { std::free(p); }
+void operator delete(void* p, size_t) noexcept { std::free(p); }
+void operator delete[](void* p, size_t) noexcept { std::free(p); }
+
+namespace {
+
+TEST(AssociativeArrayRecord, AddingReplacingAndReading) {
     CAssociativeArray record(4);
     record.AddCouple("k", "a");
     RWCollectableString const probe("k");
     RWCollectable* const firstKey = record.find(&probe);
     record.AddCouple("k", "b");
-    EXPECT_EQ(record.find(&probe), firstKey);
-    // Keys compare exactly: other case, prefix and extension are other keys.
-    record.AddCouple("K", "c");
-    record.AddCouple("kk", "d");
-    EXPECT_EQ(pairsOf(record), (Pairs{{"K", "c"}, {"k", "b"}, {"kk", "d"}}));
-}
-
-TEST(AssociativeArrayRecord, ValuesAreBinarySafe) {
-    CAssociativeArray record;
-    record.AddCouple("k", "a\0b", 3);
-    char const* data = nullptr;
-    int length = 0;
-    record.GetValueOfParameter("k", data, length);
-    EXPECT_EQ(std::string(data, static_cast<size_t>(length)), std::string("a\0b", 3));
-    record.AddCouple("s", cStringCoeImpl(std::string("x\0y\0", 4)));
-    EXPECT_EQ(record.GetStringValueOfParameter("s").stdString(), std::string("x\0y\0", 4));
+    EXPECT_EQ(record.find(&probe), firstKey);  // the last value wins, the first key object stays
+    record.AddCouple("K", "c");                // keys compare exactly
+    record.AddCouple("kk", "a\0b", 3);
+    record.AddCouple("coe", cStringCoeImpl(std::string("x\0y\0", 4)));
+    for (char const* key : {"none", "null", "negative"}) record.AddCouple(key, "old");
     record.AddCouple("none", nullptr);
-    EXPECT_STREQ(record.GetValueOfParameter("none", "def"), "");
-}
-
-TEST(AssociativeArrayRecord, NumbersAreStoredAsText) {
-    CAssociativeArray record;
+    record.AddCouple("null", nullptr, 5);
+    record.AddCouple("negative", "abc", -1);
     record.AddCouple("d", 1.5);
-    EXPECT_STREQ(record.GetValueOfParameter("d"), "1.5000000000000000000000000000000000000000e+00");
-    // A long is stored whole, whatever its width.
-    record.AddCouple("max", LONG_MAX);
-    EXPECT_EQ(record.GetStringValueOfParameter("max").stdString(), std::to_string(LONG_MAX));
-    EXPECT_EQ(record.GetInt32ValueOfParameter("max"), LONG_MAX);
-    // No validation: strtol and strtod semantics.
+    record.AddCouple("max", LONG_MAX);  // whole, whatever the width of long
     record.AddCouple("mixed", "  12x");
-    EXPECT_EQ(record.GetInt32ValueOfParameter("mixed"), 12);
-    EXPECT_EQ(record.GetDoubleValueOfParameter("mixed", 9.0), 12.0);
-}
-
-TEST(AssociativeArrayRecord, ArrayElementsAreKeysWithTheIndexAppended) {
-    CAssociativeArray record;
     record.AddArrayCouple("X", 7L, 12);
     record.AddArrayCouple("Item", "minus", -1);
     record.AddArrayCouple("D", 2.5, 0);
-    EXPECT_EQ(pairsOf(record),
-              (Pairs{{"X12", "7"}, {"Item-1", "minus"}, {"D0", "2.5000000000000000000000000000000000000000e+00"}}));
-    EXPECT_EQ(record.GetInt32ValueOfParameterArray("X", 12), 7);
-    EXPECT_STREQ(record.GetValueOfParameterArray("Item", -1), "minus");
-    EXPECT_EQ(record.GetDoubleValueOfParameterArray("D", 0), 2.5);
-    EXPECT_EQ(record.GetInt32ValueOfParameterArray("X", 13, 5L), 5);
-    EXPECT_THROW(record.GetValueOfParameterArray("X", 1), CAssoKeyDoesNotExistException);
-
-    // A name too long for the short-key buffer.
-    std::string const longName(300, 'n');
+    std::string const longName(100, 'z');  // too long for the short-key buffer
     record.AddArrayCouple(longName.c_str(), "long", INT_MIN);
-    EXPECT_STREQ(record.GetValueOfParameter((longName + std::to_string(INT_MIN)).c_str()), "long");
-    EXPECT_STREQ(record.GetValueOfParameterArray(longName.c_str(), INT_MIN), "long");
+    std::string const zeros(39, '0');
+    EXPECT_EQ(pairsOf(record), "D0=2.5" + zeros + "e+00\nItem-1=minus\nK=c\nX12=7\ncoe=x\0y\0\nd=1.5"s + zeros +
+                                   "e+00\nk=b\nkk=a\0b\nmax="s + std::to_string(LONG_MAX) +
+                                   "\nmixed=  12x\nnegative=\nnone=\nnull=\n" + longName + "-2147483648=long\n");
+    // No validation: strtol and strtod semantics. Each reader, with and without a default.
+    std::ostringstream read;
+    read << record.GetInt32ValueOfParameter("mixed") << ' ' << record.GetDoubleValueOfParameter("mixed", 9.0) << ' '
+         << (record.GetInt32ValueOfParameter("max", 0) == LONG_MAX) << ' ' << record.GetDoubleValueOfParameter("d")
+         << ' ' << record.GetInt32ValueOfParameterArray("X", 12) << ' '
+         << record.GetInt32ValueOfParameterArray("X", 12, 5L) << ' '
+         << record.GetInt32ValueOfParameterArray("X", 13, 5L) << ' ' << record.GetValueOfParameterArray("Item", -1)
+         << ' ' << record.GetValueOfParameterArray(longName.c_str(), INT_MIN, "def") << ' '
+         << record.GetValueOfParameterArray("Item", 0, "def") << ' ' << record.GetDoubleValueOfParameterArray("D", 0)
+         << ' ' << record.GetDoubleValueOfParameterArray("D", 0, 9.0) << ' '
+         << record.GetDoubleValueOfParameterArray("D", 1, 9.0) << ' ' << record.GetInt32ValueOfParameter("missing", 7L)
+         << ' ' << record.KeyExists("kk") << record.KeyExists("missing");
+    EXPECT_EQ(read.str(), "12 12 1 1.5 7 7 5 minus long def 2.5 2.5 9 7 10");
 }
 
 TEST(AssociativeArrayRecord, MissingKeyThrowsWithTheWholeTextForm) {
@@ -87,7 +107,6 @@ TEST(AssociativeArrayRecord, MissingKeyThrowsWithTheWholeTextForm) {
     } catch (CAssoKeyDoesNotExistException const& e) {
         EXPECT_STREQ(e.messageFile(), "loadengine.frm");
         EXPECT_EQ(e.messageNumber(), 11);
-        // The record's text, NUL byte included.
         EXPECT_EQ(e.arguments(), (std::vector<std::string>{"missing", std::string("1 '4 body '3 x\0y ", 17)}));
         EXPECT_EQ(std::string(e.what()), "Key 'missing' does not exist in: 1 '4 body '3 x");
     }
@@ -95,37 +114,36 @@ TEST(AssociativeArrayRecord, MissingKeyThrowsWithTheWholeTextForm) {
     EXPECT_STREQ(earlier, "1 '4 body '3 x");
     char const* data;
     int length;
-    EXPECT_THROW(record.GetStringValueOfParameter("missing"), CAssoKeyDoesNotExistException);
-    EXPECT_THROW(record.GetInt32ValueOfParameter("missing"), CAssoKeyDoesNotExistException);
-    EXPECT_THROW(record.GetDoubleValueOfParameter("missing"), CAssoKeyDoesNotExistException);
-    EXPECT_THROW(record.GetValueOfParameterAndDecodeIf("missing", true), CAssoKeyDoesNotExistException);
     EXPECT_THROW(record.GetValueOfParameter("missing", data, length), CAssoKeyDoesNotExistException);
-    // With a default the same readers never throw.
-    char const def[] = "default";
+    EXPECT_THROW(record.GetDoubleValueOfParameterArray("body", 1), CAssoKeyDoesNotExistException);
+    char const def[] = "default";  // with a default the same readers never throw
     EXPECT_EQ(record.GetValueOfParameter("missing", def), def);
     EXPECT_EQ(record.GetDoubleValueOfParameter("missing", 0.5), 0.5);
 }
 
-TEST(AssociativeArrayRecord, WrappedExceptionKeepsItsMessage) {
-    CAssociativeArrayException const wrapped(KZErrorException("other.frm", 3, "x", nullptr));
-    EXPECT_STREQ(wrapped.messageFile(), "other.frm");
-    EXPECT_EQ(wrapped.arguments(), std::vector<std::string>{"x"});
-}
-
-TEST(AssociativeArrayRecord, ResetForgetsPairsWithoutDestroyingThem) {
+TEST(AssociativeArrayRecord, ResetAndMoveHandOverTheObjects) {
     CAssociativeArray record;
     record.AddCouple("a", "1");
     char const* const text = record.ToString(false, false);
     RWHashDictionaryIterator next(record);
     RWCollectable* const key = next();
     RWCollectable* const value = next.value();
-    record.Reset();
+    record.Reset();  // forgets the pairs without destroying them
     EXPECT_FALSE(record.KeyExists("a"));
-    EXPECT_STREQ(text, "1 '1 a '1 1 ");  // the cache keeps the old text
-    // The objects are still alive and ours to destroy (the sanitizer build checks both).
-    EXPECT_EQ(static_cast<RWCollectableString*>(value)->stdString(), "1");
+    EXPECT_STREQ(text, "1 '1 a '1 1 ");                                     // the cache keeps the old text
+    EXPECT_EQ(static_cast<RWCollectableString*>(value)->stdString(), "1");  // alive, and ours to destroy
     delete key;
     delete value;
+
+    CAssociativeArray source;
+    source.AddCouple("a", "1");
+    char const* const moving = source.GetValueOfParameter("a");
+    CAssociativeArray moved(_typer_c<zc_move__deprecate>(), &source);
+    EXPECT_EQ(source.entries(), 0u);
+    EXPECT_EQ(moved.GetValueOfParameter("a"), moving);  // the very same value object
+    source.AddCouple("c", "3");                         // the emptied source works on its own
+    EXPECT_EQ(pairsOf(source), "c=3\n");
+    EXPECT_EQ(CAssociativeArray(_typer_c<zc_move__deprecate>(), nullptr).entries(), 0u);
 }
 
 TEST(AssociativeArrayRecord, ObjectsOutliveTheRecordThatMadeThem) {
@@ -155,8 +173,7 @@ TEST(AssociativeArrayRecord, ObjectsOutliveTheRecordThatMadeThem) {
 }
 
 TEST(AssociativeArrayRecord, ObjectsOfOtherKindsAreWrittenAndDestroyed) {
-    // Pairs put in through the dictionary's own interface: a plain string key with an int
-    // value is written with an empty value, a plain string value with its text.
+    // Pairs put in through the dictionary's own interface: an int value is written empty.
     CAssociativeArray record;
     record.insertKeyAndValue(new RWCollectableString("n"), new RWCollectableInt(5));
     EXPECT_STREQ(record.ToString(false, false), "1 '1 n '0  ");
@@ -166,70 +183,58 @@ TEST(AssociativeArrayRecord, ObjectsOfOtherKindsAreWrittenAndDestroyed) {
     EXPECT_STREQ(record.ToString(false, false), "1 '1 s '4 text ");
     record.AddCouple("s", "made here");  // the plain value is replaced and destroyed
     EXPECT_STREQ(record.ToString(false, false), "1 '1 s '9 made here ");
-}
-
-TEST(AssociativeArrayRecord, MoveConstructorStealsThePairs) {
-    CAssociativeArray source;
-    source.AddCouple("a", "1");
-    char const* const value = source.GetValueOfParameter("a");
-    char const* const sourceText = source.ToString(false, false);
-    CAssociativeArray moved(_typer_c<zc_move__deprecate>(), &source);
-    EXPECT_EQ(source.entries(), 0u);
-    EXPECT_EQ(moved.GetValueOfParameter("a"), value);  // the very same value object
-    EXPECT_STREQ(sourceText, "1 '1 a '1 1 ");          // the source's cache is untouched
-    source.AddCouple("c", "3");                        // the emptied source works on its own
-    EXPECT_EQ(pairsOf(source), (Pairs{{"c", "3"}}));
+    record.insert(new RWCollectableString("bare"));             // a key without a value
+    EXPECT_EQ(record.ToStringRef(false, false).length(), 32u);  // written with an empty value
 }
 
 TEST(AssociativeArrayRecord, DecodeIfEscapesTheStoredValueInPlace) {
     CAssociativeArray record;
     record.AddCouple("k", "50% \"a\"\\");
+    record.AddCouple("ctl", "\n\x7f\xe9\x1f ~\0z", 8);
+    record.AddCouple("empty", "");
     EXPECT_STREQ(record.GetValueOfParameterAndDecodeIf("k", false).data(), "50% \"a\"\\");
     RWCString const& escaped = record.GetValueOfParameterAndDecodeIf("k", true);
     EXPECT_STREQ(escaped.data(), "50%% %22a%22%5c");
     EXPECT_EQ(&escaped, &record.GetStringValueOfParameter("k"));  // the stored value itself
-    record.AddCouple("ctl", "\n\x7f\xe9\x1f ~\0z", 8);
     EXPECT_EQ(record.GetValueOfParameterAndDecodeIf("ctl", true).stdString(), "%0a%7f%e9%1f ~%00z");
+    EXPECT_EQ(record.GetValueOfParameterAndDecodeIf("empty", true).stdString(), "");
 }
 
-std::string written(CAssociativeArray const& record, bool skipResponseBody = false, bool skipProxyPostData = false) {
+std::string written(CAssociativeArray const& record, bool skipResponseBody, bool skipProxyPostData) {
     char const* text = nullptr;
     int length = -1;
     record.ToString(text, length, skipResponseBody, skipProxyPostData);
     return std::string(text, static_cast<size_t>(length));
 }
 
-TEST(AssociativeArrayWriter, ImagesOfSmallRecords) {
+TEST(AssociativeArrayWriter, ImagesAndTheFlagsThatLeaveBulkyValuesOut) {
     CAssociativeArray record;
-    EXPECT_EQ(written(record), " ");  // no pairs: no count either
+    EXPECT_EQ(written(record, false, false), " ");  // no pairs: no count either
     record.AddCouple("a", "b");
     record.AddCouple("key", "\0", 1);
     // The order is the dictionary's own: either is a correct image.
     std::set<std::string> const images{std::string("2 '1 a '1 b '3 key '1 \0 ", 24),
                                        std::string("2 '3 key '1 \0 '1 a '1 b ", 24)};
-    EXPECT_EQ(images.count(written(record)), 1u) << written(record);
-
-    // A long value: the length prefix has as many digits as it needs.
-    CAssociativeArray big;
-    std::string const value(12345, '\0');
-    big.AddCouple("big", value.data(), static_cast<int>(value.size()));
-    EXPECT_EQ(written(big), "1 '3 big '12345 " + value + " ");
-}
-
-TEST(AssociativeArrayWriter, FlagsLeaveBulkyValuesOut) {
-    CAssociativeArray body;
-    body.AddCouple("$RESPONSEBODY", "hello");
-    EXPECT_EQ(written(body, true, false), "1 '13 $RESPONSEBODY '0  ");
-    EXPECT_EQ(written(body, false, true), "1 '13 $RESPONSEBODY '5 hello ");
-
-    CAssociativeArray post;
-    post.AddCouple("$PROXYPOSTDATA", "x");
-    EXPECT_EQ(written(post, false, true), "1 '14 $PROXYPOSTDATA '1 x ");
-    EXPECT_EQ(written(post, true, true), "1 '14 $PROXYPOSTDATA '0  ");
-
-    CAssociativeArray other;
-    other.AddCouple("$responsebody", "kept");
-    EXPECT_EQ(written(other, true, true), "1 '13 $responsebody '4 kept ");
+    EXPECT_EQ(images.count(written(record, false, false)), 1u) << written(record, false, false);
+    std::string const big(12345, '\0');
+    struct {
+        char const* key;
+        std::string value;
+        bool skipResponseBody, skipProxyPostData;
+        std::string image;
+    } const rows[] = {
+        {"$RESPONSEBODY", "hello", true, false, "1 '13 $RESPONSEBODY '0  "},
+        {"$RESPONSEBODY", "hello", false, true, "1 '13 $RESPONSEBODY '5 hello "},
+        {"$PROXYPOSTDATA", "x", false, true, "1 '14 $PROXYPOSTDATA '1 x "},
+        {"$PROXYPOSTDATA", "x", true, true, "1 '14 $PROXYPOSTDATA '0  "},
+        {"$responsebody", "kept", true, true, "1 '13 $responsebody '4 kept "},
+        {"big", big, false, false, "1 '3 big '12345 " + big + " "},  // as many digits as it needs
+    };
+    for (auto const& row : rows) {
+        CAssociativeArray one;
+        one.AddCouple(row.key, row.value.data(), static_cast<int>(row.value.size()));
+        EXPECT_EQ(written(one, row.skipResponseBody, row.skipProxyPostData), row.image);
+    }
 }
 
 TEST(AssociativeArrayWriter, EachCallRewritesTheCache) {
@@ -237,14 +242,42 @@ TEST(AssociativeArrayWriter, EachCallRewritesTheCache) {
     record.AddCouple("$RESPONSEBODY", "hello");
     char const* const first = record.ToString(false, false);
     EXPECT_STREQ(first, "1 '13 $RESPONSEBODY '5 hello ");
-    char const* const second = record.ToString(true, false);
     // The first pointer now shows the second call's text.
+    EXPECT_EQ(record.ToString(true, false), first);
     EXPECT_STREQ(first, "1 '13 $RESPONSEBODY '0  ");
-    EXPECT_EQ(first, second);
     RWCString const& ref = record.ToStringRef(false, false);
     record.AddCouple("more", std::string(5000, 'x').c_str());
     record.ToStringInternal(false, false);
-    EXPECT_EQ(ref.length(), written(record).size());  // the reference is the cache itself
+    EXPECT_EQ(ref.length(), written(record, false, false).size());  // the reference is the cache itself
+}
+
+TEST(AssociativeArrayAllocation, LookupsAllocateNothingAndAReplacedValueOnlyItself) {
+    CAssociativeArray record;
+    std::string const longKey(200, 'k');
+    record.AddCouple("a", "1");
+    record.AddCouple(longKey.c_str(), "2");
+    record.AddArrayCouple("Item", 5L, 3);
+    bool found = false;  // compared inside, without allocating
+    EXPECT_EQ(heapUse([&] {
+                  found = std::strcmp(record.GetValueOfParameter(longKey.c_str(), "none"), "2") == 0 &&
+                          record.GetInt32ValueOfParameterArray("Item", 3) == 5 && !record.KeyExists("b");
+              }).first,
+              0u);
+    EXPECT_TRUE(found);
+    EXPECT_EQ(heapUse([&] { record.AddCouple("a", "new"); }).first, 1u);
+}
+
+TEST(AssociativeArrayAllocation, FalseLengthsAndCountsReserveNoMoreThanTheInputHolds) {
+    struct {
+        char const* text;
+        size_t pairsKept;  // read before the failure
+    } const cases[] = {{"1 '999999999 ab '3 xyz ", 0}, {"100000000 '1 a '1 1 '1 b '1 2 '1 c '1 3 ", 3}};
+    for (auto const& c : cases) {
+        CAssociativeArray record;
+        auto const use = heapUse([&] { EXPECT_THROW(record.FromStringZTS(c.text), CIllegalAssoSyntaxException); });
+        EXPECT_LT(use.second, 4096u) << c.text;
+        EXPECT_EQ(record.entries(), c.pairsKept) << c.text;
+    }
 }
 
 }  // namespace

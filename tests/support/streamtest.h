@@ -16,7 +16,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <thread>
@@ -53,6 +56,16 @@ class RawFd {
     ~RawFd() { reset(); }
     RawFd(RawFd const&) = delete;
     RawFd& operator=(RawFd const&) = delete;
+    RawFd(RawFd&& other) noexcept : mFd(other.release()) {}
+    RawFd& operator=(RawFd&& other) noexcept {
+        reset(other.release());
+        return *this;
+    }
+    int release() {
+        int const fd = mFd;
+        mFd = -1;
+        return fd;
+    }
     int get() const { return mFd; }
     void reset(int fd = -1) {
         if (mFd >= 0) ::close(mFd);
@@ -69,22 +82,29 @@ class RawFd {
     int mFd;
 };
 
-// True when `fd` becomes readable within kPatience.
+// True when `fd` becomes readable within kPatience (signals do not end the wait).
 inline bool readable(int fd) {
-    pollfd p{fd, POLLIN, 0};
-    return ::poll(&p, 1, static_cast<int>(kPatience.milliseconds())) == 1;
+    auto const end = std::chrono::steady_clock::now() + kPatience.chrono();
+    for (;;) {
+        auto const left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+        pollfd p{fd, POLLIN, 0};
+        int const rc = ::poll(&p, 1, static_cast<int>(std::max<int64_t>(left.count(), 0)));
+        if (rc >= 0 || errno != EINTR) return rc == 1;
+    }
 }
 
 inline void rawSend(RawFd const& fd, Bytes const& bytes) {
     ASSERT_EQ(::send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
 }
 
-// Reads exactly `count` bytes within kPatience; fewer when the peer ends the stream first.
+// Reads exactly `count` bytes (each wait for more bounded by kPatience); fewer when the peer
+// ends the stream first. Signals do not end it.
 inline Bytes rawReceive(RawFd const& fd, size_t count) {
     Bytes out(count);
     size_t done = 0;
     while (done < count && readable(fd.get())) {
         ssize_t const n = ::recv(fd.get(), out.data() + done, count - done, 0);
+        if (n < 0 && errno == EINTR) continue;
         if (n <= 0) break;
         done += static_cast<size_t>(n);
     }
@@ -92,21 +112,37 @@ inline Bytes rawReceive(RawFd const& fd, size_t count) {
     return out;
 }
 
+// A raw listener on an ephemeral port of the loopback address; its port is stored in `port`.
+inline RawFd rawListener(unsigned short& port) {
+    RawFd listener(::socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (::bind(listener.get(), reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+        ::listen(listener.get(), 4) != 0 ||
+        ::getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0)
+        ADD_FAILURE() << "raw listener";
+    port = ntohs(address.sin_port);
+    return listener;
+}
+
+// The next connection on a raw listener, waited for within kPatience (-1 when none came).
+inline RawFd rawAccept(RawFd const& listener) {
+    if (!readable(listener.get())) {
+        ADD_FAILURE() << "raw accept timed out";
+        return RawFd();
+    }
+    return RawFd(::accept(listener.get(), nullptr, nullptr));
+}
+
 // A StreamSocket connected to a raw POSIX peer through a raw loopback listener.
 struct RawPeerPair {
     explicit RawPeerPair(nSock::cSocketOptions options = boundedOptions()) {
-        RawFd listener(::socket(AF_INET, SOCK_STREAM, 0));
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        if (::bind(listener.get(), reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-            ::listen(listener.get(), 1) != 0 ||
-            ::getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0)
-            ADD_FAILURE() << "raw listener";
-        socket.ConnectLocal(ntohs(address.sin_port), options);
-        if (!readable(listener.get())) ADD_FAILURE() << "raw accept timed out";
-        peer.reset(::accept(listener.get(), nullptr, nullptr));
+        unsigned short port = 0;
+        RawFd const listener = rawListener(port);
+        socket.ConnectLocal(port, options);
+        peer = rawAccept(listener);
     }
     StreamSocket socket;
     RawFd peer;

@@ -309,6 +309,30 @@ TEST(MessageBatch, ReportsTheMessagesWrittenWholeWhenThePeerCloses) {
     ::sigaction(SIGPIPE, &previous, nullptr);
 }
 
+// Another thread closing the connection ends a batch blocked on a peer that does not read: the
+// system's partial write and the error after it make a failure with the count of messages the
+// system took whole.
+TEST(MessageBatch, ClosingFromAnotherThreadEndsABlockedBatch) {
+    Watchdog watchdog(std::chrono::seconds(30));
+    RawPeerPair pair;
+    std::string const body(64 * 1024, 'c');
+    cTypedMessageBatch batch;
+    for (int i = 0; i < 256; ++i) ASSERT_TRUE(batch.Add(1, 2, body.data(), static_cast<int>(body.size())));
+    nTagScope::ErrorRecords errors;
+    std::thread closer([&] {
+        // Once the peer's queue holds bytes the sender is under way; 16 MiB cannot all fit.
+        EXPECT_TRUE(readable(pair.peer.get()));
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        pair.socket.CloseSocket();
+    });
+    long written = -1;
+    EXPECT_FALSE(pair.socket.SendTypedMessageBatch(batch, &written));
+    closer.join();
+    EXPECT_GE(written, 0);
+    EXPECT_LT(written, 256);
+    EXPECT_EQ(errors.count("streamsocket"), 1u);
+}
+
 // A long run of small messages in batches of changing sizes arrives whole, in order, with its
 // types: every batch boundary falls somewhere else in the receiver's read-ahead.
 TEST(MessageBatch, AMillionSmallMessagesArriveInOrder) {

@@ -10,7 +10,8 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-// Each header is written between guard bytes, which must stay as they were.
+// Each header is written between guard bytes, which must stay as they were, and reads back
+// as the low 32 bits of the length and the two classifiers.
 TEST(MessageHeader, EightBigEndianBytesWithOnlyTheLowThirtyTwoBitsOfTheLength) {
     struct Case {
         long long length;
@@ -34,6 +35,10 @@ TEST(MessageHeader, EightBigEndianBytesWithOnlyTheLowThirtyTwoBitsOfTheLength) {
         expected.insert(expected.end(), c.image.begin(), c.image.end());
         expected.insert(expected.end(), guard.begin(), guard.end());
         EXPECT_EQ(Bytes(memory, memory + 16), expected);
+        auto const& header = *reinterpret_cast<c_MessageHeader const*>(memory + 4);
+        EXPECT_EQ(gBodyLengthOf(header), static_cast<int32_t>(static_cast<uint32_t>(c.length)));
+        EXPECT_EQ(gMessageTypeOf(header), c.type);
+        EXPECT_EQ(gMessageSubTypeOf(header), c.subType);
     }
     SSMMakeMessageHeader(1, 2, 3, nullptr);  // ignored
 }

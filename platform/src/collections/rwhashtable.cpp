@@ -75,7 +75,7 @@ long RWHashTable::findSlotOf(RWCollectable const* target) const {
 
 RWCollectable* RWHashTable::find(RWCollectable const* target) const {
     long i = findSlotOf(target);
-    return i < 0 ? nullptr : mSlots[i].key;
+    return i < 0 ? nullptr : mSlots[static_cast<size_t>(i)].key;
 }
 
 RWCollectable* RWHashTable::insert(RWCollectable* item) {
@@ -87,7 +87,7 @@ RWCollectable* RWHashTable::insert(RWCollectable* item) {
 RWCollectable* RWHashTable::remove(RWCollectable const* target) {
     long i = findSlotOf(target);
     if (i < 0) return nullptr;
-    RWCollectable* item = mSlots[i].key;
+    RWCollectable* item = mSlots[static_cast<size_t>(i)].key;
     removeSlot(static_cast<size_t>(i));
     return item;
 }
@@ -104,6 +104,13 @@ void RWHashTable::reserve(size_t count) {
     if (count <= mCount || (count + mRemoved) * 10 <= mCapacity * 7) return;
     size_t const capacity = capacityFor(count, mCapacity ? mCapacity : mInitialCapacity);
     if (capacity != mCapacity || mRemoved) rehash(capacity);
+}
+
+size_t RWHashTable::probeCount() const {
+    size_t probes = 0;
+    for (size_t i = 0; i < mCapacity; ++i)
+        if (mSlots[i].state == kFull) probes += ((i - home(mSlots[i].hash)) & (mCapacity - 1)) + 1;
+    return probes;
 }
 
 void RWHashTable::grow() { rehash(capacityFor(mCount + 1, mCapacity ? mCapacity : mInitialCapacity)); }
@@ -178,14 +185,7 @@ RWHashDictionary::~RWHashDictionary() = default;
 RWClassID RWHashDictionary::isA() const { return __RWHASHDICTIONARY; }
 
 void RWHashDictionary::clearAndDestroy() {
-    std::unique_ptr<cSlot[]> slots = std::move(mSlots);
-    size_t const capacity = mCapacity;
-    clear();
-    for (size_t i = 0; i < capacity; ++i) {
-        if (slots[i].state != kFull) continue;
-        if (slots[i].value != slots[i].key) delete slots[i].value;
-        delete slots[i].key;
-    }
+    clearAndDestroyWith([](RWCollectable* object) { delete object; });
 }
 
 RWCollectable* RWHashDictionary::insert(RWCollectable* key) {
@@ -215,27 +215,27 @@ RWCollectable* RWHashDictionary::insertKeyAndValue(RWCollectable* key, RWCollect
 
 RWCollectable* RWHashDictionary::findValue(RWCollectable const* key) const {
     long i = findSlotOf(key);
-    return i < 0 ? nullptr : mSlots[i].value;
+    return i < 0 ? nullptr : mSlots[static_cast<size_t>(i)].value;
 }
 
 RWCollectable* RWHashDictionary::findValue(RWCollectable const* key, RWCollectable* newValue) {
     long i = findSlotOf(key);
     if (i < 0) return nullptr;
-    return std::exchange(mSlots[i].value, newValue);
+    return std::exchange(mSlots[static_cast<size_t>(i)].value, newValue);
 }
 
 RWCollectable* RWHashDictionary::findKeyAndValue(RWCollectable const* key, RWCollectable*& value) const {
     long i = findSlotOf(key);
     if (i < 0) return nullptr;
-    value = mSlots[i].value;
-    return mSlots[i].key;
+    value = mSlots[static_cast<size_t>(i)].value;
+    return mSlots[static_cast<size_t>(i)].key;
 }
 
 RWCollectable* RWHashDictionary::removeKeyAndValue(RWCollectable const* key, RWCollectable*& value) {
     long i = findSlotOf(key);
     if (i < 0) return nullptr;
-    RWCollectable* stored = mSlots[i].key;
-    value = mSlots[i].value;
+    RWCollectable* stored = mSlots[static_cast<size_t>(i)].key;
+    value = mSlots[static_cast<size_t>(i)].value;
     removeSlot(static_cast<size_t>(i));
     return stored;
 }

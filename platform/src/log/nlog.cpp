@@ -51,7 +51,7 @@ class cDefaults {
 
 // Process-wide logging state. Allocated once and never freed, so that records written
 // while the process shuts down still find it.
-struct cRegistry {
+struct cLogState {
     std::mutex mutex;
     cDefaults defaults;
     std::map<std::string, std::unique_ptr<std::atomic<bool>>> states;
@@ -80,8 +80,8 @@ struct cRegistry {
     }
 };
 
-cRegistry& registry() {
-    static cRegistry* const r = new cRegistry();
+cLogState& logState() {
+    static cLogState* const r = new cLogState();
     return *r;
 }
 
@@ -106,7 +106,7 @@ struct cCaptureAccess {
     static void clear(cCapture& capture) { capture.mRecords.clear(); }
 };
 
-cTag::cTag(char const* name) : mName(name), mState(registry().stateFor(name)) {}
+cTag::cTag(char const* name) : mName(name), mState(logState().stateFor(name)) {}
 
 namespace nBasic {
 cTag const sErrorTag_("Error");
@@ -115,19 +115,19 @@ cTag const sTraceTag_("Trace");
 cTag const sExecutionTag_("Execution");
 }  // namespace nBasic
 
-void gEnable(char const* tag, bool on) { registry().stateFor(tag)->store(on, std::memory_order_relaxed); }
+void gEnable(char const* tag, bool on) { logState().stateFor(tag)->store(on, std::memory_order_relaxed); }
 
-bool gIsEnabled(char const* tag) { return registry().stateFor(tag)->load(std::memory_order_relaxed); }
+bool gIsEnabled(char const* tag) { return logState().stateFor(tag)->load(std::memory_order_relaxed); }
 
 cCapture::cCapture() {
-    cRegistry& r = registry();
+    cLogState& r = logState();
     std::lock_guard<std::mutex> lock(r.mutex);
     r.captures.push_back(this);
     r.captureCount.fetch_add(1);
 }
 
 cCapture::~cCapture() {
-    cRegistry& r = registry();
+    cLogState& r = logState();
     std::lock_guard<std::mutex> lock(r.mutex);
     r.captures.erase(std::remove(r.captures.begin(), r.captures.end(), this), r.captures.end());
     r.captureCount.fetch_sub(1);
@@ -136,7 +136,7 @@ cCapture::~cCapture() {
 std::vector<cRecord> const& cCapture::records() const { return mRecords; }
 
 void cCapture::clear() {
-    std::lock_guard<std::mutex> lock(registry().mutex);
+    std::lock_guard<std::mutex> lock(logState().mutex);
     cCaptureAccess::clear(*this);
 }
 
@@ -178,7 +178,7 @@ cGuard::~cGuard() {
 }
 
 void gDeliver(cRecord const& record) {
-    cRegistry& r = registry();
+    cLogState& r = logState();
     if (r.captureCount.load() > 0) {
         std::lock_guard<std::mutex> lock(r.mutex);
         for (cCapture* capture : r.captures) cCaptureAccess::add(*capture, record);

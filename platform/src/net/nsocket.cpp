@@ -1,6 +1,7 @@
 // The socket layer's handles and byte transfer: validity, send, receive, close and delete.
 #include "net/nsocketstate.h"
 
+#include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -116,14 +117,24 @@ bool receiveDirect(cSocketState& s, int fd, std::size_t count, char* out, cDeadl
 }  // namespace
 
 bool cSocketState::release() {
-    int fd = descriptor.exchange(-1);
+    if (released.exchange(true, std::memory_order_acq_rel)) return true;  // done by another thread
     std::vector<char>().swap(buffer);
     begin = end = 0;
-    return fd >= 0 && ::close(fd) == 0;
+    return ::close(fd) == 0;
 }
 
-int cHandleValid::descriptor() const { return gDescriptorOf(mState.get()); }
-int cHandleOptional::descriptor() const { return gDescriptorOf(mState.get()); }
+bool cSocketState::close(bool shutDown) {
+    cOperation closing(this);  // the descriptor stays open until the shutdown is done
+    if (closing.descriptor() < 0) return false;
+    if (use.fetch_or(kClosed, std::memory_order_acq_rel) & kClosed) return false;  // closed by another thread
+    // Shutting down ends the connection for every process that shares the descriptor and
+    // wakes the threads that are blocked sending, receiving or accepting on it.
+    if (shutDown) ::shutdown(fd, SHUT_RDWR);
+    return closing.end();
+}
+
+int cHandleValid::descriptor() const { return mState ? mState->descriptor() : -1; }
+int cHandleOptional::descriptor() const { return mState ? mState->descriptor() : -1; }
 
 iLatencyConfiguration::~iLatencyConfiguration() = default;
 cFixedLatencyConfiguration::~cFixedLatencyConfiguration() = default;
@@ -133,11 +144,23 @@ std::optional<nTime::cDiff> cFixedLatencyConfiguration::receiveLimit(bool contin
 }
 
 cSocketException::cSocketException(std::string const& operation, std::string host, unsigned short port, int systemError)
-    : std::runtime_error(operation + " " + host + " port " + std::to_string(port) + ": " + std::strerror(systemError) +
-                         " (errno " + std::to_string(systemError) + ")"),
+    : cSocketException(operation + " " + host + " port " + std::to_string(port) + ": " + std::strerror(systemError) +
+                           " (errno " + std::to_string(systemError) + ")",
+                       host, port, systemError, 0) {}
+
+cSocketException cSocketException::unresolved(std::string host, unsigned short port, int resolveError) {
+    std::string const message = "resolve " + host + " port " + std::to_string(port) +
+                                ": the name did not resolve: " + ::gai_strerror(resolveError);
+    return cSocketException(message, std::move(host), port, 0, resolveError);
+}
+
+cSocketException::cSocketException(std::string const& message, std::string host, unsigned short port, int systemError,
+                                   int resolveError)
+    : std::runtime_error(message),
       mHost(std::move(host)),
       mPort(port),
-      mSystemError(systemError) {}
+      mSystemError(systemError),
+      mResolveError(resolveError) {}
 
 cSocketException::~cSocketException() = default;
 
@@ -151,7 +174,8 @@ cHandleValid gValidate(cHandleOptional const& handle) {
 }
 
 bool gSend(cHandleValid const& handle, int count, char const* buffer) {
-    int fd = handle.descriptor();
+    cOperation sending(cHandleAccess::state(handle));
+    int fd = sending.descriptor();
     if (fd < 0 || count < 0 || (count > 0 && buffer == nullptr)) return false;
     std::size_t left = static_cast<std::size_t>(count);
     while (left > 0) {
@@ -168,7 +192,8 @@ bool gSend(cHandleValid const& handle, int count, char const* buffer) {
 
 bool gReceive(cHandleValid const& handle, int count, char* buffer, bool continuation, iLatencyConfiguration* latency) {
     cSocketState* state = cHandleAccess::state(handle);
-    int fd = gDescriptorOf(state);
+    cOperation receiving(state);
+    int fd = receiving.descriptor();
     if (fd < 0 || count < 0 || (count > 0 && buffer == nullptr)) return false;
     if (count == 0) return true;
     std::size_t wanted = static_cast<std::size_t>(count);
@@ -181,18 +206,18 @@ bool gReceive(cHandleValid const& handle, int count, char* buffer, bool continua
                                       : receiveDirect(*state, fd, wanted, buffer, deadline);
 }
 
+std::optional<int> gMaxMessageSize(cHandleOptional const& handle) {
+    cSocketState const* state = cHandleAccess::state(handle);
+    return state ? state->maxMessageSize : std::nullopt;
+}
+
 bool gClose(cHandleValid const& handle) {
     cSocketState* state = cHandleAccess::state(handle);
-    int fd = gDescriptorOf(state);
-    if (fd < 0) return false;
-    // Shutting down first ends the connection for every process that shares the descriptor
-    // and wakes a thread that is blocked receiving on it.
-    ::shutdown(fd, SHUT_RDWR);
-    return state->release();
+    return state && state->close(true);
 }
 
 void gDelete(cHandleOptional const& handle) {
-    if (cSocketState* state = cHandleAccess::state(handle)) state->release();
+    if (cSocketState* state = cHandleAccess::state(handle)) state->close(false);
 }
 
 }  // namespace nSocket

@@ -59,6 +59,7 @@ cHandleValid connectionHandle(cDescriptor& fd, cSocketOptions const& options) {
     ::setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     cHandleValid handle = cHandleAccess::make(fd.release());
     cHandleAccess::state(handle)->receiveTimeout = options.receiveTimeout;
+    cHandleAccess::state(handle)->maxMessageSize = options.maxMessageSize;
     return handle;
 }
 
@@ -91,7 +92,8 @@ cHandleValid connectTo(char const* node, std::string const& host, unsigned short
     hints.ai_flags = AI_NUMERICSERV;
     addrinfo* found = nullptr;
     int rc = ::getaddrinfo(node, std::to_string(port).c_str(), &hints, &found);
-    if (rc != 0) throw cSocketException("resolve", host, port, rc == EAI_SYSTEM ? errno : EHOSTUNREACH);
+    if (rc == EAI_SYSTEM) throw cSocketException("resolve", host, port, errno);
+    if (rc != 0) throw cSocketException::unresolved(host, port, rc);
     std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> list(found, &::freeaddrinfo);
     int error = EHOSTUNREACH;
     for (addrinfo const* ai = found; ai != nullptr; ai = ai->ai_next) {
@@ -141,7 +143,8 @@ cHandleValid gCreateListener(unsigned short port) {
 unsigned short gLocalPort(cHandleOptional const& handle) {
     sockaddr_storage address{};
     socklen_t length = sizeof address;
-    int fd = handle.descriptor();
+    cOperation asking(cHandleAccess::state(handle));
+    int fd = asking.descriptor();
     if (fd < 0 || ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) return 0;
     if (address.ss_family == AF_INET6) return ntohs(reinterpret_cast<sockaddr_in6 const&>(address).sin6_port);
     if (address.ss_family == AF_INET) return ntohs(reinterpret_cast<sockaddr_in const&>(address).sin_port);
@@ -157,7 +160,8 @@ cHandleValid gCreateConnectedLocal(unsigned short port, cSocketOptions options) 
 }
 
 cHandleValid gAccept(cHandleValid const& listener, cSocketOptions options) {
-    int fd = listener.descriptor();
+    cOperation accepting(cHandleAccess::state(listener));
+    int fd = accepting.descriptor();
     for (;;) {
         int error = fd < 0 ? EBADF : waitFor(fd, POLLIN, options.receiveTimeout);
         cDescriptor accepted(error == 0 ? ::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC) : -1);
@@ -165,6 +169,7 @@ cHandleValid gAccept(cHandleValid const& listener, cSocketOptions options) {
         if (error == 0) error = errno;
         // A signal, or a connection that was reset before it was taken: wait for the next one.
         if (error == EINTR || error == ECONNABORTED || error == EAGAIN) continue;
+        if (!gIsValid(listener)) error = EBADF;  // closed by another thread while waiting
         throw cSocketException("accept on", gGetLocalHostName().stdString(), gLocalPort(listener), error);
     }
 }

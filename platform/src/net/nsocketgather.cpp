@@ -1,5 +1,5 @@
 // Gathered sends: many pieces of a stream (message headers and bodies) in few system calls.
-#include "nsocket.h"
+#include "net/nsocketstate.h"
 
 #include <limits.h>
 #include <sys/socket.h>
@@ -76,7 +76,9 @@ void advance(cPosition& at, cSendPiece const* pieces, std::size_t count, std::si
 }  // namespace
 
 std::uint64_t gSendPieces(cHandleValid const& handle, cSendPiece const* pieces, std::size_t count) {
-    int const fd = handle.descriptor();
+    // The descriptor stays open while the batch goes out, even when another thread closes.
+    cOperation sending(cHandleAccess::state(handle));
+    int const fd = sending.descriptor();
     if (fd < 0) {
         errno = EBADF;
         return 0;

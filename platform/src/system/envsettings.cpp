@@ -42,7 +42,7 @@ bool readFile(std::string const& path, std::string& text) {
 }
 
 // Handles of live tables. A handle is never reused, so a stale one finds nothing.
-class cRegistry {
+class cTableHandles {
   public:
     int add(QREnvContainerClass const* table) {
         std::lock_guard<std::mutex> lock(mMutex);
@@ -67,8 +67,8 @@ class cRegistry {
     int mLast = 0;
 };
 
-cRegistry& registry() {
-    static cRegistry r;
+cTableHandles& tableHandles() {
+    static cTableHandles r;
     return r;
 }
 
@@ -76,7 +76,7 @@ cRegistry& registry() {
 
 QREnvContainerClass::QREnvContainerClass() = default;
 
-QREnvContainerClass::~QREnvContainerClass() { registry().remove(this); }
+QREnvContainerClass::~QREnvContainerClass() { tableHandles().remove(this); }
 
 RWCString QREnvContainerClass::QRERuntimeResolve(char const* text) const {
     std::string const in(text ? text : "");
@@ -115,7 +115,7 @@ void QREnvContainerClass::load(std::string const& iniText) {
 namespace nEnvSettings {
 
 bool gFileInitTable(QREnvContainerClass& table, char const* fileName, int& handle) {
-    handle = registry().add(&table);
+    handle = tableHandles().add(&table);
     std::string const name = table.QRERuntimeResolve(fileName).stdString();
     std::string text;
     bool const found =
@@ -126,6 +126,6 @@ bool gFileInitTable(QREnvContainerClass& table, char const* fileName, int& handl
     return found;
 }
 
-RWCString gGetPropertyStream(int handle, char const* key) { return registry().lookUp(handle, key ? key : ""); }
+RWCString gGetPropertyStream(int handle, char const* key) { return tableHandles().lookUp(handle, key ? key : ""); }
 
 }  // namespace nEnvSettings

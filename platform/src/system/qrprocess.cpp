@@ -22,7 +22,7 @@ enum class eState { kRunning, kEnded, kAbsent };
 
 // A process that has exited but whose parent has not collected it yet is a zombie: it has
 // ended, though kill() still finds it.
-bool gIsZombie(pid_t pid) {
+bool isZombie(pid_t pid) {
     std::string const path = "/proc/" + std::to_string(pid) + "/stat";
     FILE* const file = std::fopen(path.c_str(), "r");
     if (file == nullptr) return false;
@@ -38,21 +38,21 @@ bool gIsZombie(pid_t pid) {
 }
 
 // The state of `pid`; reaps it when it is an exited child of ours.
-eState gStateOf(pid_t pid) {
+eState stateOf(pid_t pid) {
     int status = 0;
     pid_t const reaped = waitpid(pid, &status, WNOHANG);
     if (reaped == pid) return eState::kEnded;
     if (reaped == 0) return eState::kRunning;  // a child of ours, still running
     // Not our child: ask the kernel whether the id is in use.
     if (kill(pid, 0) != 0 && errno == ESRCH) return eState::kAbsent;
-    return gIsZombie(pid) ? eState::kEnded : eState::kRunning;
+    return isZombie(pid) ? eState::kEnded : eState::kRunning;
 }
 
 // Waits up to the grace period for `pid` to end (or vanish); true when it did.
-bool gEndsWithinGrace(pid_t pid) {
+bool endsWithinGrace(pid_t pid) {
     auto const deadline = std::chrono::steady_clock::now() + kGracePeriod;
     for (;;) {
-        if (gStateOf(pid) != eState::kRunning) return true;
+        if (stateOf(pid) != eState::kRunning) return true;
         if (std::chrono::steady_clock::now() >= deadline) return false;
         std::this_thread::sleep_for(kPollInterval);
     }
@@ -64,7 +64,7 @@ int gQRPKillProcess(int const& pid) {
     // 0 and negative ids address process groups, not one process.
     if (pid <= 0) return kNoSuchProcess;
     if (pid == getpid()) return kNotKilled;
-    switch (gStateOf(pid)) {
+    switch (stateOf(pid)) {
         case eState::kAbsent:
             return kNoSuchProcess;
         case eState::kEnded:
@@ -76,7 +76,7 @@ int gQRPKillProcess(int const& pid) {
         if (errno == EPERM) return kNotKilled;
         return kAlreadyEnded;  // ESRCH: it ended since we looked
     }
-    if (gEndsWithinGrace(pid)) return kKilled;
+    if (endsWithinGrace(pid)) return kKilled;
     if (kill(pid, SIGKILL) != 0 && errno == EPERM) return kNotKilled;
-    return gEndsWithinGrace(pid) ? kKilled : kNotKilled;
+    return endsWithinGrace(pid) ? kKilled : kNotKilled;
 }

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 #include <deque>
+#include <optional>
 #include <string>
 
 using namespace nStreamTest;
@@ -376,8 +377,8 @@ TEST(MessageBatch, AMillionSmallMessagesArriveInOrder) {
 }
 
 // The receive into a caller's buffer: bodies of every size, the buffer kept from one message
-// to the next, and failures that leave the classifiers untouched and allocate no more than
-// what arrived.
+// to the next, the connection's maximum message size, and failures that leave the classifiers
+// untouched and allocate no more than what arrived.
 TEST(ReceiveInto, ReceivesIntoTheCallersBuffer) {
     struct Case {
         char const* what;
@@ -385,7 +386,9 @@ TEST(ReceiveInto, ReceivesIntoTheCallersBuffer) {
         bool closes;
         bool ok;
         short type;
-        size_t length;  // of the body received
+        size_t length;                              // of the body received
+        std::optional<int> maxSize = std::nullopt;  // the connection's maximum message size
+        size_t errors = 0;
     };
     auto message = [](short type, size_t size) {
         std::vector<Message> m{{type, static_cast<short>(-type), std::string(size, static_cast<char>('a' + type))}};
@@ -399,19 +402,25 @@ TEST(ReceiveInto, ReceivesIntoTheCallersBuffer) {
         {"negative length", {0x80, 0, 0, 0, 0, 1, 0, 1}, false, false, 0, 0},
         {"peer closes inside the body", {0, 0, 0, 9, 0, 1, 0, 1, 'a'}, true, false, 0, 0},
         {"2 GiB announced, then the peer closes", {0x7f, 0xff, 0xff, 0xff, 0, 1, 0, 1, 'a'}, true, false, 0, 0},
+        {"body over the connection's maximum", message(7, 101), false, false, 0, 0, 100, 1},
+        {"body at the connection's maximum", message(7, 100), false, true, 7, 100, 100},
     };
     Watchdog watchdog(std::chrono::seconds(60));
     for (Case const& c : cases) {
         SCOPED_TRACE(c.what);
-        RawPeerPair pair;
+        nSock::cSocketOptions options = boundedOptions();
+        options.maxMessageSize = c.maxSize;
+        RawPeerPair pair(options);
         std::thread peer([&] {
             rawSend(pair.peer, c.sent);
             if (c.closes) pair.peer.reset();
         });
+        nTagScope::ErrorRecords errors;
         short type = 111, subType = 222;
         std::vector<char> body;
         bool const ok = pair.socket.WaitTypedMessageInto(type, subType, body, patience());
         peer.join();
+        EXPECT_EQ(errors.count("streamsocket"), c.errors);
         ASSERT_EQ(ok, c.ok);
         if (ok) {
             EXPECT_EQ(type, c.type);

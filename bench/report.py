@@ -17,7 +17,10 @@ COUNTERS = ("items_per_second", "rx_cpu_us", "rx_io_cpu_us", "rx_syscalls", "cpu
 def load(directory, program):
     data = json.loads((directory / f"{program}.json").read_text())
     runs = {}
-    for b in data["benchmarks"]:
+    # Repetitions run interleaved; the rows keep the order in which the program declares them.
+    ordered = sorted(data["benchmarks"], key=lambda b: (b.get("family_index", 0),
+                                                         b.get("per_family_instance_index", 0)))
+    for b in ordered:
         if b.get("run_type") != "iteration" or b.get("error_occurred"):
             continue
         runs.setdefault(b["run_name"], []).append(b)

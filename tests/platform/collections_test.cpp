@@ -1,5 +1,6 @@
 // The string and collection classes: NUL safety, editing, tokens, equality and order, ownership
 // (clear forgets, clearAndDestroy deletes), replacement, removal while walking, growth, bounds.
+#include "ntime.h"
 #include "rwcstring.h"
 #include "rwhashdict.h"
 #include "rwhashtable.h"
@@ -50,6 +51,7 @@ TEST_F(CollectionsTest, StringEditsAreLengthCountedAndNulSafe) {
     EXPECT_EQ(s.index("a", 3), RWCString::npos);
     EXPECT_TRUE(s.contains("[a") && !s.contains("b"));
     EXPECT_EQ(s.first('a'), 2u);
+    EXPECT_EQ(s.index("[["), 0u);
     s(0) = '{';
     s[1] = '(';
     EXPECT_EQ(s, "{(a+");
@@ -262,6 +264,37 @@ TEST_F(CollectionsTest, PutValueIfAddsOrReplacesInOneProbe) {
     gDestroyed = 0;
     d.clearAndDestroy();
     EXPECT_EQ(gDestroyed, 202);
+}
+
+// Every pair of full small tables is found by hash as by key object, in whichever slot it sits
+// (sixteen tables of five keys in eight slots: the first slot is taken in some).
+TEST_F(CollectionsTest, EveryPairOfFullSmallTablesIsFoundByHash) {
+    for (int table = 0; table < 16; ++table) {
+        RWHashDictionary d(8);
+        std::vector<std::string> keys;
+        for (int i = 0; i < 5; ++i) {
+            keys.push_back(std::to_string(table) + "k" + std::to_string(i));
+            d.insertKeyAndValue(new Tracked(keys.back()), new Tracked(keys.back()));
+        }
+        for (std::string const& key : keys) {
+            RWCollectable* const value = valueOf(d, key);
+            ASSERT_NE(value, nullptr) << key;
+            EXPECT_EQ(d.findValueIf(hashOf(key), keyIs(key)), value) << key;
+            EXPECT_NE(d.findIf(hashOf(key), keyIs(key)), nullptr) << key;
+            EXPECT_EQ(d.replaceValueIf(hashOf(key), keyIs(key), value), value) << key;
+        }
+        d.clearAndDestroy();
+    }
+}
+
+TEST_F(CollectionsTest, IntervalsCompareAndAdd) {
+    using nTime::cDiff;
+    EXPECT_TRUE(cDiff(1000) == cDiff::fromSeconds(1) && !(cDiff(1) == cDiff(2)));
+    EXPECT_TRUE(cDiff(1) != cDiff(2) && !(cDiff(2) != cDiff(2)));
+    EXPECT_TRUE(cDiff(1) < cDiff(2) && !(cDiff(2) < cDiff(2)));
+    EXPECT_EQ((cDiff(5) + cDiff::fromMilliseconds(2) - cDiff(10)).milliseconds(), -3);
+    EXPECT_EQ(cDiff(7).chrono().count(), 7);
+    EXPECT_EQ(cDiff().milliseconds(), 0);
 }
 
 // A collection of a host's own, which inherits isEmpty and contains.

@@ -62,6 +62,7 @@ TEST_F(CollectionsTest, StringEditsAreLengthCountedAndNulSafe) {
     EXPECT_NE(RWCString("a\0b", 3), RWCString("a"));
     EXPECT_NE(RWCString("a\0b", 3).hash(), RWCString("a\0c", 3).hash());
     EXPECT_EQ(RWCString("xyz").hash(), RWCString::hash("xyz", 3));
+    EXPECT_NE(RWCString("a").hash(), RWCString("b").hash());
 }
 
 TEST_F(CollectionsTest, TokenizerSkipsDelimitersAndStaysAtTheEnd) {
@@ -128,6 +129,7 @@ TEST_F(CollectionsTest, DictionaryOwnershipAndReplacement) {
         RWCollectableString absent("nope");
         EXPECT_EQ(d.findValue(&absent, &v4), nullptr);  // nothing stored for an absent key
         EXPECT_EQ(d.findKeyAndValue(&absent, value), nullptr);
+        EXPECT_EQ(value, v3);  // untouched
         EXPECT_EQ(d.replaceValueIf(hashOf("nope"), keyIs("nope"), &v4), nullptr);
         EXPECT_EQ(d.replaceValueIf(hashOf("k"), keyIs("k"), v1 = new Tracked("5")), v3);
         EXPECT_EQ(d.entries(), 1u);
@@ -346,6 +348,8 @@ TEST_F(CollectionsTest, HashTableKeepsDuplicatesAndRefusesNull) {
     t.insert(new Tracked("gone"));
     t.clearAndDestroy();
     EXPECT_EQ(gDestroyed, 1);
+    EXPECT_TRUE(t.isEmpty());
+    EXPECT_EQ(t.find(&x), nullptr);
 }
 
 TEST_F(CollectionsTest, OrderedSequenceFindsByEqualityAndRefusesPositionsPastTheEnd) {
@@ -375,7 +379,12 @@ TEST_F(CollectionsTest, OrderedSequenceFindsByEqualityAndRefusesPositionsPastThe
     }
     EXPECT_THROW(o.insertAt(3, &three), RWBoundsErr);
     o.clear();
-    EXPECT_THROW(o.last(), RWBoundsErr);
+    try {
+        o.last();
+        ADD_FAILURE() << "no exception";
+    } catch (RWBoundsErr const& e) {
+        EXPECT_STREQ(e.what(), "RWOrdered: position 0 is out of range (0 entries)");
+    }
     o.insert(new Tracked("a"));
     o.insert(new Tracked("b"));
     RWCollectableString const b("b");

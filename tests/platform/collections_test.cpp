@@ -1,5 +1,6 @@
 // The string and collection classes: NUL safety, editing, tokens, equality and order, ownership
 // (clear forgets, clearAndDestroy deletes), replacement, removal while walking, growth, bounds.
+#include "ntime.h"
 #include "rwcstring.h"
 #include "rwhashdict.h"
 #include "rwhashtable.h"
@@ -50,6 +51,7 @@ TEST_F(CollectionsTest, StringEditsAreLengthCountedAndNulSafe) {
     EXPECT_EQ(s.index("a", 3), RWCString::npos);
     EXPECT_TRUE(s.contains("[a") && !s.contains("b"));
     EXPECT_EQ(s.first('a'), 2u);
+    EXPECT_EQ(s.index("[["), 0u);
     s(0) = '{';
     s[1] = '(';
     EXPECT_EQ(s, "{(a+");
@@ -60,6 +62,7 @@ TEST_F(CollectionsTest, StringEditsAreLengthCountedAndNulSafe) {
     EXPECT_NE(RWCString("a\0b", 3), RWCString("a"));
     EXPECT_NE(RWCString("a\0b", 3).hash(), RWCString("a\0c", 3).hash());
     EXPECT_EQ(RWCString("xyz").hash(), RWCString::hash("xyz", 3));
+    EXPECT_NE(RWCString("a").hash(), RWCString("b").hash());
 }
 
 TEST_F(CollectionsTest, TokenizerSkipsDelimitersAndStaysAtTheEnd) {
@@ -126,12 +129,16 @@ TEST_F(CollectionsTest, DictionaryOwnershipAndReplacement) {
         RWCollectableString absent("nope");
         EXPECT_EQ(d.findValue(&absent, &v4), nullptr);  // nothing stored for an absent key
         EXPECT_EQ(d.findKeyAndValue(&absent, value), nullptr);
+        EXPECT_EQ(value, v3);  // untouched
+        EXPECT_EQ(d.replaceValueIf(hashOf("nope"), keyIs("nope"), &v4), nullptr);
+        EXPECT_EQ(d.replaceValueIf(hashOf("k"), keyIs("k"), v1 = new Tracked("5")), v3);
         EXPECT_EQ(d.entries(), 1u);
         EXPECT_EQ(d.removeKeyAndValue(&probe, value), k1);
-        EXPECT_EQ(value, v3);
+        EXPECT_EQ(value, v1);
         d.insertKeyAndValue(k1, v3);
         d.removeAndDestroy(&probe);
         EXPECT_EQ(gDestroyed, 3);  // v1, k1, v3
+        delete v1;
         EXPECT_EQ(d.remove(&probe), nullptr);
 
         // insert is a set insert: an equal key present is returned and nothing is added.
@@ -146,7 +153,7 @@ TEST_F(CollectionsTest, DictionaryOwnershipAndReplacement) {
         EXPECT_TRUE(d.isEmpty());
         d.insertKeyAndValue(&k2, &v2);
     }  // the destructor forgets too
-    EXPECT_EQ(gDestroyed, 3);
+    EXPECT_EQ(gDestroyed, 4);
     // A key that is its own value is deleted once.
     RWHashDictionary d;
     for (char const* name : {"self", "other"}) {
@@ -156,9 +163,9 @@ TEST_F(CollectionsTest, DictionaryOwnershipAndReplacement) {
     d.insertKeyAndValue(new Tracked("k"), nullptr);
     RWCollectableString const self("self");
     d.removeAndDestroy(&self);
-    EXPECT_EQ(gDestroyed, 4);
+    EXPECT_EQ(gDestroyed, 5);
     d.clearAndDestroy();
-    EXPECT_EQ(gDestroyed, 6);
+    EXPECT_EQ(gDestroyed, 7);
 }
 
 // Growth from four buckets, removed slots, reserve (smaller and larger than the contents), copies
@@ -261,6 +268,37 @@ TEST_F(CollectionsTest, PutValueIfAddsOrReplacesInOneProbe) {
     EXPECT_EQ(gDestroyed, 202);
 }
 
+// Every pair of full small tables is found by hash as by key object, in whichever slot it sits
+// (sixteen tables of five keys in eight slots: the first slot is taken in some).
+TEST_F(CollectionsTest, EveryPairOfFullSmallTablesIsFoundByHash) {
+    for (int table = 0; table < 16; ++table) {
+        RWHashDictionary d(8);
+        std::vector<std::string> keys;
+        for (int i = 0; i < 5; ++i) {
+            keys.push_back(std::to_string(table) + "k" + std::to_string(i));
+            d.insertKeyAndValue(new Tracked(keys.back()), new Tracked(keys.back()));
+        }
+        for (std::string const& key : keys) {
+            RWCollectable* const value = valueOf(d, key);
+            ASSERT_NE(value, nullptr) << key;
+            EXPECT_EQ(d.findValueIf(hashOf(key), keyIs(key)), value) << key;
+            EXPECT_NE(d.findIf(hashOf(key), keyIs(key)), nullptr) << key;
+            EXPECT_EQ(d.replaceValueIf(hashOf(key), keyIs(key), value), value) << key;
+        }
+        d.clearAndDestroy();
+    }
+}
+
+TEST_F(CollectionsTest, IntervalsCompareAndAdd) {
+    using nTime::cDiff;
+    EXPECT_TRUE(cDiff(1000) == cDiff::fromSeconds(1) && !(cDiff(1) == cDiff(2)));
+    EXPECT_TRUE(cDiff(1) != cDiff(2) && !(cDiff(2) != cDiff(2)));
+    EXPECT_TRUE(cDiff(1) < cDiff(2) && !(cDiff(2) < cDiff(2)));
+    EXPECT_EQ((cDiff(5) + cDiff::fromMilliseconds(2) - cDiff(10)).milliseconds(), -3);
+    EXPECT_EQ(cDiff(7).chrono().count(), 7);
+    EXPECT_EQ(cDiff().milliseconds(), 0);
+}
+
 // A collection of a host's own, which inherits isEmpty and contains.
 struct Counter : RWCollection {
     size_t count = 0;
@@ -309,6 +347,8 @@ TEST_F(CollectionsTest, HashTableKeepsDuplicatesAndRefusesNull) {
     t.insert(new Tracked("gone"));
     t.clearAndDestroy();
     EXPECT_EQ(gDestroyed, 1);
+    EXPECT_TRUE(t.isEmpty());
+    EXPECT_EQ(t.find(&x), nullptr);
 }
 
 TEST_F(CollectionsTest, OrderedSequenceFindsByEqualityAndRefusesPositionsPastTheEnd) {
@@ -338,7 +378,12 @@ TEST_F(CollectionsTest, OrderedSequenceFindsByEqualityAndRefusesPositionsPastThe
     }
     EXPECT_THROW(o.insertAt(3, &three), RWBoundsErr);
     o.clear();
-    EXPECT_THROW(o.last(), RWBoundsErr);
+    try {
+        o.last();
+        ADD_FAILURE() << "no exception";
+    } catch (RWBoundsErr const& e) {
+        EXPECT_STREQ(e.what(), "RWOrdered: position 0 is out of range (0 entries)");
+    }
     o.insert(new Tracked("a"));
     o.insert(new Tracked("b"));
     RWCollectableString const b("b");

@@ -47,6 +47,9 @@ TEST(Log, RecordsCarryTheirPositionAndTabJoinedPieces) {
     EXPECT_EQ(capture.records()[1].text, "");
     EXPECT_EQ(capture.records()[1].line, line);
     EXPECT_EQ(capture.records()[2].text, "outer");  // the nested record was dropped
+    capture.clear();
+    COLLOQUY_LOG(nLog::nBasic::sErrorTag_, "m", 0.5f);  // a float is a floating-point piece
+    EXPECT_EQ(capture.records().at(0).text, "0.5");
 }
 
 TEST(Log, DisabledTagComposesNothing) {

@@ -1,10 +1,9 @@
-// Arbitrary bytes as a received message: made with the four-argument constructor or taken over
-// from a typed message, then printed, re-addressed and read back again.
+// Arbitrary bytes as a received message, made with the four-argument constructor or taken over
+// from a typed message, then printed, re-addressed as a reply, re-packed and read back.
 //
-// Input: 2 bytes type, 2 bytes subtype, 1 byte "cut" (that many bytes are dropped from the end
-// of the buffer), 1 byte of flags (bit 0: through ZEPTmo2Cqm), then the packed bytes. The
-// buffer given to the message is a heap copy of exactly its length, so that any read past it
-// is caught by AddressSanitizer.
+// Input: 2 bytes type, 2 bytes subtype, 1 byte "cut" (that many bytes dropped from the end), 1
+// byte of flags (bit 0: through ZEPTmo2Cqm), then the packed bytes. The message gets a heap copy
+// of exactly that length, so that AddressSanitizer catches any read past it.
 #include "netmsg.h"
 #include "zeppackmsg.h"
 
@@ -14,43 +13,28 @@
 #include <cstring>
 #include <memory>
 
-namespace {
-
-constexpr std::size_t kPrefix = 6;
-
-// A message re-packed from its members must read back to the same members.
-void checkRoundTrip(cColloquyMessage const& m) {
-    cColloquyMessage back(m.packedBuffer, m.packedLen, m.messageType, m.messageSubType);
-    bool const same = std::strcmp(back.toHost, m.toHost) == 0 && std::strcmp(back.toName, m.toName) == 0 &&
-                      std::strcmp(back.fromHost, m.fromHost) == 0 && std::strcmp(back.fromName, m.fromName) == 0 &&
-                      back.qType == m.qType && back.bodyLen == m.bodyLen && back.userValue == m.userValue &&
-                      back.formatStamp == m.formatStamp && std::memcmp(back.body, m.body, m.bodyLen) == 0;
-    if (!same) std::abort();
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
     nLog::gEnable("Error", false);  // records are tested elsewhere
-    if (size < kPrefix) return 0;
-    short const type = static_cast<short>(data[0] << 8 | data[1]);
-    short const subType = static_cast<short>(data[2] << 8 | data[3]);
-    std::size_t const rest = size - kPrefix;
-    std::size_t const length = rest - std::min<std::size_t>(data[4], rest);
-    bool const typed = (data[5] & 1) != 0;
-
+    if (size < 6) return 0;
+    auto const type = static_cast<short>(data[0] << 8 | data[1]), subType = static_cast<short>(data[2] << 8 | data[3]);
+    size_t const length = size - 6 - std::min<size_t>(data[4], size - 6);
     char* copy = new char[length];
-    if (length > 0) std::memcpy(copy, data + kPrefix, length);
+    if (length > 0) std::memcpy(copy, data + 6, length);
     std::unique_ptr<cColloquyMessage> m;
-    if (typed) {
-        m.reset(ZEPTmo2Cqm(new cTypedMessageObject(type, subType, copy, static_cast<unsigned int>(length))));
+    if (data[5] & 1) {
+        m.reset(ZEPTmo2Cqm(new cTypedMessageObject(type, subType, copy, static_cast<unsigned>(length))));
     } else {
-        m.reset(new cColloquyMessage(copy, static_cast<unsigned int>(length), type, subType));
+        m.reset(new cColloquyMessage(copy, static_cast<unsigned>(length), type, subType));
         delete[] copy;
     }
     if (std::strlen(m->printOnString()) >= 4096) std::abort();
-    m->rePackMe(m->fromHost, m->fromName);  // a reply: arguments point into the buffer being replaced
-    checkRoundTrip(*m);
+    m->rePackMe(m->fromHost, m->fromName);  // the arguments point into the buffer being replaced
+    cColloquyMessage const back(m->packedBuffer, m->packedLen, m->messageType, m->messageSubType);
+    if (std::strcmp(back.toHost, m->toHost) || std::strcmp(back.toName, m->toName) ||
+        std::strcmp(back.fromHost, m->fromHost) || std::strcmp(back.fromName, m->fromName) || back.qType != m->qType ||
+        back.bodyLen != m->bodyLen || back.userValue != m->userValue || back.formatStamp != m->formatStamp ||
+        std::memcmp(back.body, m->body, m->bodyLen))
+        std::abort();
     m->printOnString();
     return 0;
 }

@@ -12,22 +12,21 @@
 
 namespace assoctest {
 
-// Every pair of the record, walked with the dictionary's own iterator, as "key=value" lines
-// sorted by key.
+// Every pair of the record, walked with the dictionary's own iterator, as "key=value" lines sorted by key.
 inline std::string pairsOf(CAssociativeArray& record) {
     std::map<std::string, std::string> pairs;
     RWHashDictionaryIterator next(record);
     while (RWCollectable* key = next())
-        pairs.emplace(static_cast<RWCollectableString const&>(*key).stdString(),
-                      static_cast<RWCollectableString const&>(*next.value()).stdString());
+        pairs.emplace(static_cast<RWCollectableString&>(*key).stdString(),
+                      static_cast<RWCollectableString&>(*next.value()).stdString());
     std::string text;
     for (auto const& [key, value] : pairs) text += key + "=" + value + "\n";
     return text;
 }
 
-inline std::vector<std::string> texts(nTagScope::ErrorRecords const& records) {
+inline std::vector<std::string> texts(std::vector<nLog::cRecord> const& records) {
     std::vector<std::string> texts;
-    for (nLog::cRecord const& r : records.records()) texts.push_back(r.text);
+    for (nLog::cRecord const& r : records) texts.push_back(r.text);
     return texts;
 }
 

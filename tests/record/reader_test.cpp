@@ -1,20 +1,18 @@
-// The text form reader: the worked examples, every entry point, the hardened limits (negative
-// lengths, pieces running past the end), the failure path with its Error records, the
-// cursor-level steps gParseInt and gLoadString, round trips of random binary records, and keys
-// chosen to collide.
+// The text form: the reader (worked examples, every entry point, the hardened limits, the failure
+// path with its Error records, the cursor-level steps gParseInt and gLoadString, keys chosen to
+// collide) and the converters apart from the process-wide mode, which mode_test.cpp follows.
 #include "assoc_test_util.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstring>
 #include <random>
-#include <string>
 #include <unordered_map>
-#include <vector>
 
 using namespace std::string_literals;
 using assoctest::pairsOf;
+using assoctest::texts;
+using Texts = std::vector<std::string>;
 
 namespace {
 
@@ -24,18 +22,16 @@ std::string readOk(std::string const& text) {
     return pairsOf(record);
 }
 
-// The argument of the CIllegalAssoSyntaxException that `read` ends in.
+// The text carried by the CIllegalAssoSyntaxException that `read` ends in.
 template <class Read>
 std::string failureOf(Read read) {
     try {
         read();
     } catch (CIllegalAssoSyntaxException const& e) {
         EXPECT_EQ(e.messageNumber(), 10);
-        EXPECT_EQ(e.arguments().size(), 1u);
-        return e.arguments().empty() ? std::string() : e.arguments()[0];
+        return e.arguments().size() == 1 ? e.arguments()[0] : "<arguments>";
     }
-    ADD_FAILURE() << "no CIllegalAssoSyntaxException";
-    return std::string();
+    return "<no exception>";
 }
 
 std::string failureOf(std::string const& text) {
@@ -44,37 +40,32 @@ std::string failureOf(std::string const& text) {
 }
 
 TEST(AssociativeArrayReader, WorkedExamplesAndEveryEntryPoint) {
-    std::string const abxyz = "ab=xyz\n";
     // The byte after the last piece may be missing; the byte skipped after a piece is not looked at.
     for (char const* text : {"1 '2 ab '3 xyz ", "1 '2 ab '3 xyz", "1 '2 ab '3 xyz trailing junk", "1 '2 abX'3 xyzY"})
-        EXPECT_EQ(readOk(text), abxyz) << text;
+        EXPECT_EQ(readOk(text), "ab=xyz\n") << text;
     EXPECT_EQ(readOk("-3 "), "");
+    EXPECT_EQ(readOk("0002 '01 a '1 1 '1 b '0  "), "a=1\nb=\n");     // numbers as strtol reads them
     EXPECT_EQ(readOk(std::string("1 '3 a\0b '1 v ", 14)), "a=v\n");  // keys stop at their first NUL
-
     std::string const text("1 '2 ab '3 x\0z ", 15);
-    std::string const expected = "ab=x\0z\n"s;
     CAssociativeArray a, b, c, d, e;
     a.FromStringZ1(text);
     b.FromStringZ1(RWCString(text));
     c.FromStringRef(RWCString(text));
-    for (CAssociativeArray* r : {&a, &b, &c}) EXPECT_EQ(pairsOf(*r), expected);
+    EXPECT_EQ(pairsOf(a) + pairsOf(b) + pairsOf(c), "ab=x\0z\nab=x\0z\nab=x\0z\n"s);
     // The NUL-ended forms: the text ends where the skipped byte would be.
     d.FromStringX2_deprecate("1 '2 ab '3 xyz");
     e.FromStringZTS("1 '2 ab '3 xyz");
-    EXPECT_EQ(pairsOf(d), abxyz);
-    EXPECT_EQ(pairsOf(e), abxyz);
+    EXPECT_EQ(pairsOf(d) + pairsOf(e), "ab=xyz\nab=xyz\n");
     // Reading adds to what is there; a failure keeps the pairs read before it.
     EXPECT_THROW(e.FromStringZTS("2 '1 b '1 3 '1 c 4 "), CIllegalAssoSyntaxException);
     EXPECT_EQ(pairsOf(e), "ab=xyz\nb=3\n");
 }
 
 TEST(AssociativeArrayReader, SyntaxErrorsCarryTheWholeInput) {
-    for (std::string const text : {"", "x ", "1 '2 ab 3 xyz ", "2 '1 a '1 b ", "1 '-1 a '1 b ", "1 '2 ab '4 xyz",
-                                   "1 '2147483648 a ", "1 '2 ab '0x3 xyz ", "1 '00 a ", "1 ' a '1 b "}) {
+    for (std::string const& text :
+         Texts{"", "x ", "1 '2 ab 3 xyz ", "2 '1 a '1 b ", "1 '-1 a '1 b ", "1 '2 ab '4 xyz", "1 '2147483648 a ",
+               "1 '2 ab '0x3 xyz ", "1 '00 a ", "1 ' a '1 b ", "0000000000000000001 '1 a '1 b ", "1 '2 a\0 '9 \0\0 "s})
         EXPECT_EQ(failureOf(text), text) << text;
-    }
-    std::string const binary("1 '2 a\0 '9 \0\0 ", 14);
-    EXPECT_EQ(failureOf(binary), binary);
     // Lengths are checked against the given length, not against what follows in memory.
     std::string const text("1 '2 ab '3 xyz ");
     CAssociativeArray record;
@@ -90,67 +81,51 @@ TEST(AssociativeArrayReader, SyntaxErrorsCarryTheWholeInput) {
 
 TEST(AssociativeArrayReader, FailureIsLoggedInTwoLayers) {
     nTagScope::ErrorRecords errors;
-    std::string const text("1 '2 ab 3 xyz ");
+    std::string const text("1 '2 ab 3 xyz "), longBad("1 '2 ab '30 xyz and more text after it");
     CAssociativeArray record;
     EXPECT_THROW(record.FromString(text.data(), static_cast<int>(text.size())), CIllegalAssoSyntaxException);
-    // The inner record shows the first exception: the rest of the text where the apostrophe was missing.
-    EXPECT_EQ(assoctest::texts(errors),
-              (std::vector<std::string>{"Illegal associative array syntax: 3 xyz ", "14\t" + text}));
     EXPECT_EQ(errors.count("associativearray"), 2u);
     // The bare char const* forms log 14 bytes at most, whatever the input's length.
-    errors.clear();
-    std::string const longBad("1 '2 ab '30 xyz and more text after it");
     EXPECT_THROW(record.FromStringX2_deprecate(longBad.c_str()), CIllegalAssoSyntaxException);
-    EXPECT_EQ(assoctest::texts(errors),
-              (std::vector<std::string>{"Illegal associative array syntax: Error", "14\t" + longBad.substr(0, 14)}));
+    // The inner record shows the first exception: the rest of the text where the apostrophe was missing.
+    EXPECT_EQ(texts(errors.records()), (Texts{"Illegal associative array syntax: 3 xyz ", "14\t" + text,
+                                              "Illegal associative array syntax: Error", "14\t1 '2 ab '30 xy"}));
 }
 
+// What gParseInt reads (or "refused") and how far it moves the cursor: past the blank even when the
+// number is then refused.
 TEST(AssociativeArrayReader, ParseIntStep) {
-    struct {
-        char const* text;
-        int value;
-        size_t consumed;
-    } const cases[] = {{"12x rest", 12, 4},
-                       {"-5 ", -5, 3},
-                       {"0 ", 0, 2},
-                       {"000000000000000001 ", 1, 19},
-                       {"99999999999999 ", 2147483647, 15},
-                       {"-99999999999999 ", -2147483647 - 1, 16}};
-    for (auto const& c : cases) {
-        char const* cursor = c.text;
-        EXPECT_EQ(gParseInt(cursor), c.value) << c.text;
-        EXPECT_EQ(cursor, c.text + c.consumed) << c.text;
+    Texts results;
+    for (char const* text : {"12x rest", "-5 ", "0 ", "000000000000000001 ", "99999999999999 ", "-99999999999999 ",
+                             "x rest", "", "12", "00 ", "-0 ", "0000000000000000001 ", "1\0 "}) {
+        char const* cursor = text;
+        try {
+            results.push_back(std::to_string(gParseInt(cursor)));
+        } catch (CIllegalAssoSyntaxException const&) {
+            results.push_back("refused");
+        }
+        results.back() += " +" + std::to_string(cursor - text);
     }
-    for (char const* bad : {"", "12", "00 ", "-0 ", "0000000000000000001 ", "1\0 "}) {
-        char const* cursor = bad;
-        EXPECT_THROW(gParseInt(cursor), CIllegalAssoSyntaxException) << bad;
-    }
-    // The cursor has moved past the blank before the number is refused.
-    char const* const refused = "x rest";
-    char const* cursor = refused;
-    EXPECT_THROW(gParseInt(cursor), CIllegalAssoSyntaxException);
-    EXPECT_EQ(cursor, refused + 2);
+    EXPECT_EQ(results, (Texts{"12 +4", "-5 +3", "0 +2", "1 +19", "2147483647 +15", "-2147483648 +16", "refused +2",
+                              "refused +0", "refused +0", "refused +3", "refused +3", "refused +0", "refused +0"}));
 }
 
 TEST(AssociativeArrayReader, LoadStringStep) {
     int size = 1024;
     char* buffer = new char[size + 1];
     RWCString out("old");
-    std::string const big(2000, 'q');
-    std::string const text = std::string("'3 a\0b ", 7) + "'2000 " + big + " '0  ";
+    std::string const big(2000, 'q'), text = "'3 a\0b '2000 "s + big + " '0  ";
     char const* cursor = gLoadString(text.data(), buffer, size, out);
-    EXPECT_EQ(out.stdString(), std::string("a\0b", 3));
-    EXPECT_EQ(std::memcmp(buffer, "a\0b\0", 4), 0);
+    EXPECT_EQ(out.stdString() + std::string(buffer, 4), "a\0ba\0b\0"s);
     cursor = gLoadString(cursor, buffer, size, out, true);
-    EXPECT_EQ(out.stdString(), big);
+    EXPECT_EQ(out.stdString() + buffer[2000], big + '\0');
     EXPECT_EQ(size, 2000);  // grown once, to the piece's length
-    EXPECT_EQ(buffer[2000], '\0');
     cursor = gLoadString(cursor, buffer, size, out);
     EXPECT_EQ(out.stdString(), "");
     EXPECT_EQ(size, 2000);
     EXPECT_EQ(cursor, text.data() + text.size());
     EXPECT_EQ(failureOf([&] { gLoadString("3 abc rest", buffer, size, out); }), "3 abc rest");  // the rest of the text
-    EXPECT_THROW(gLoadString("'-1 x ", buffer, size, out), CIllegalAssoSyntaxException);
+    EXPECT_EQ(failureOf([&] { gLoadString("'-1 x ", buffer, size, out); }), "Error");
     delete[] buffer;
     char* none = nullptr;  // no buffer yet: one is made
     int noSize = 0;
@@ -159,117 +134,123 @@ TEST(AssociativeArrayReader, LoadStringStep) {
     delete[] none;
 }
 
-// Random records of awkward bytes: NULs, blanks, apostrophes, digits after an apostrophe,
-// empty values.
-TEST(AssociativeArrayReader, RandomBinaryRecordsRoundTrip) {
-    std::mt19937 random(20240611u);
-    auto const piece = [&random](bool key) {
-        static char const awkward[] = {' ', '\'', '0', '5', '9', '\0', '\n', '\xff', 'a'};
-        std::uniform_int_distribution<int> length(0, 40), pick(0, 9), byte(0, 255);
-        std::string text;
-        for (int n = length(random); n > 0; --n) {
-            int const p = pick(random);
-            char const c = p < 9 ? awkward[p] : static_cast<char>(byte(random));
-            text.push_back(key && c == '\0' ? '\'' : c);
-        }
-        return text;
-    };
-    for (int round = 0; round < 200; ++round) {
-        CAssociativeArray record;
-        for (int n = std::uniform_int_distribution<int>(1, 20)(random); n > 0; --n) {
-            std::string const key = piece(true), value = piece(false);
-            record.AddCouple(key.c_str(), value.data(), static_cast<int>(value.size()));
-        }
-        CAssociativeArray back;
-        back.FromStringRef(record.ToStringRef(false, false));
-        ASSERT_EQ(pairsOf(back), pairsOf(record)) << "round " << round;
-    }
-}
-
-// Letters at random.
-std::string lettersOf(size_t length, std::mt19937& random) {
-    std::string letters(length, 'a');
-    for (char& c : letters) c = static_cast<char>('a' + random() % 26);
-    return letters;
-}
-
-// Keys as a sender can compute them for RWCString::hash(), which is FNV-1a without a key: two
-// blocks that collide from the same state collide with whatever follows, so a colliding pair of
-// 8-letter blocks per stage (found by the birthday bound) doubles the keys that share one hash.
-// Gives `groups` groups of 2^stages keys; a group's keys end in the same 8 letters (none when
-// there is one group) and share one hash.
-std::vector<std::string> collidingKeys(int stages, int groups, std::mt19937& random) {
-    auto fnv = [](uint32_t h, std::string const& bytes) {
-        for (unsigned char c : bytes) h = (h ^ c) * 16777619u;
-        return h;
-    };
-    std::vector<std::string> prefixes{""};
-    uint32_t state = 2166136261u;
-    for (int stage = 0; stage < stages; ++stage) {
-        std::unordered_map<uint32_t, std::string> seen;
-        for (;;) {
-            std::string const block = lettersOf(8, random);
-            uint32_t const after = fnv(state, block);
-            auto const [other, added] = seen.emplace(after, block);
-            if (added || other->second == block) continue;
-            std::vector<std::string> doubled;
-            for (std::string const& prefix : prefixes) {
-                doubled.push_back(prefix + other->second);
-                doubled.push_back(prefix + block);
-            }
-            prefixes.swap(doubled);
-            state = after;
-            break;
-        }
-    }
-    std::vector<std::string> keys;
-    for (int group = 0; group < groups; ++group) {
-        std::string const suffix = groups > 1 ? lettersOf(8, random) : "";
-        for (std::string const& prefix : prefixes) keys.push_back(prefix + suffix);
-    }
-    return keys;
-}
-
-std::string textOf(std::vector<std::string> const& keys) {
-    std::string text = std::to_string(keys.size());
-    for (std::string const& key : keys) text += " '" + std::to_string(key.size()) + " " + key + " '1 v";
-    return text + " ";
-}
-
-// Keys that collide in RWCString::hash() (whose value hosts may rely on, so it stays as it is)
-// spread over the record's table as well as random keys of their length do: reading them visits
-// about as many slots, not a number growing with the square of the keys that share a hash.
+// 2048 keys of 88 bytes that share one RWCString::hash(), which is FNV-1a without a key (hosts may
+// rely on its value): two blocks that collide from the same state collide whatever follows, so a
+// colliding pair of 8-letter blocks (found by the birthday bound) per stage doubles the keys. Read
+// into a record (a table half full) they must spread as random keys do, about 1.5 slots visited per
+// key, not a number growing with the square of the keys that share a hash.
 TEST(AssociativeArrayReader, KeysChosenToCollideSpreadLikeRandomKeys) {
-    struct Case {
-        char const* what;
-        int stages, groups;
-    } const cases[] = {
-        {"256 groups of 8 keys of 32 bytes", 3, 256},
-        {"2048 keys of 88 bytes", 11, 1},
-    };
     std::mt19937 random(20240612u);
-    for (Case const& c : cases) {
-        SCOPED_TRACE(c.what);
-        std::vector<std::string> const flooding = collidingKeys(c.stages, c.groups, random);
-        std::vector<std::string> ordinary;
-        for (size_t i = 0; i < flooding.size(); ++i) {
-            std::string const& key = flooding[i];
-            std::string const& first = flooding[i - i % (size_t{1} << c.stages)];
-            ASSERT_EQ(RWCString::hash(key.data(), key.size()), RWCString::hash(first.data(), first.size()));
-            ordinary.push_back(lettersOf(key.size(), random));
+    std::vector<std::string> keys{""};
+    for (uint32_t state = 2166136261u; keys.size() < 2048;) {
+        std::unordered_map<uint32_t, std::string> seen;
+        for (bool found = false; !found;) {
+            std::string block(8, 'a');
+            for (char& c : block) c = static_cast<char>('a' + random() % 26);
+            uint32_t after = state;
+            for (unsigned char c : block) after = (after ^ c) * 16777619u;
+            auto const [other, added] = seen.emplace(after, block);
+            if ((found = !added && other->second != block)) {
+                std::vector<std::string> doubled;
+                for (std::string const& key : keys) doubled.insert(doubled.end(), {key + other->second, key + block});
+                keys.swap(doubled);
+                state = after;
+            }
         }
-        CAssociativeArray flooded, spread;
-        std::string const floodingText = textOf(flooding), ordinaryText = textOf(ordinary);
-        flooded.FromString(floodingText.data(), static_cast<int>(floodingText.size()));
-        spread.FromString(ordinaryText.data(), static_cast<int>(ordinaryText.size()));
-        ASSERT_EQ(flooded.entries(), flooding.size());
-        ASSERT_EQ(spread.entries(), ordinary.size());
-        EXPECT_LT(flooded.probeCount(), 2 * spread.probeCount());
-        // The keys are found by key object as well as by their bytes.
-        RWCollectableString const key(flooding[7].c_str());
-        EXPECT_NE(flooded.findValue(&key), nullptr);
-        EXPECT_STREQ(flooded.GetValueOfParameter(flooding[7].c_str(), nullptr), "v");
     }
+    std::string text = "2048";
+    for (std::string const& key : keys) text += " '88 " + key + " '1 v";
+    CAssociativeArray flooded;
+    flooded.FromStringZ1(text + " ");
+    ASSERT_EQ(RWCString(keys[0].c_str()).hash(), RWCString(keys[2047].c_str()).hash());
+    ASSERT_EQ(flooded.entries(), 2048u);
+    EXPECT_LT(flooded.probeCount(), 3 * 2048u);
+}
+
+std::string x1(std::string const& text, unsigned from = 1252, unsigned to = 65001) {
+    RWCString out("stale");
+    EXPECT_TRUE(gConvertX1_patch(from, to, text.data(), static_cast<int>(text.size()), out)) << text;
+    return out.stdString();
+}
+
+TEST(AssociativeArrayConvert, ValuesAreConvertedAndLengthsRewritten) {
+    // Keys stay; plain text is a leaf, up to its first NUL; a form that does not parse (a false value
+    // length, a false key length) is a leaf as a whole.
+    for (auto const& [text, converted] : {std::pair{"2 '1 \xe9 '1 \xe9 '1 e '0  "s, "2 '1 \xe9 '2 \xc3\xa9 '1 e '0  "s},
+                                          {"abc \xe9", "abc \xc3\xa9"},
+                                          {"\xe9\0z"s, "\xc3\xa9"},
+                                          {"", ""},
+                                          {"1 '1 k '9 \xe9 ", "1 '1 k '9 \xc3\xa9 "},
+                                          {"1 '99 '1 \xe9 ", "1 '99 '1 \xc3\xa9 "}})
+        EXPECT_EQ(x1(text), converted);
+    EXPECT_EQ(x1("1 '1 k '2 \xc3\xa9 ", 65001, 1252), "1 '1 k '1 \xe9 ");
+    RWCString out("kept");
+    EXPECT_TRUE(gConvertX1_patch(1252, 65001, "\xe9", 0, out));  // a length of 0 is no text
+    EXPECT_EQ(out.stdString(), "");
+    EXPECT_TRUE(gConvertX1_patch(1252, 65001, "\xe9", -1, out));  // -1: up to the NUL
+    EXPECT_EQ(out.stdString(), "\xc3\xa9");
+    EXPECT_FALSE(gConvertX1_patch(1252, 65001, nullptr, 4, out));
+    EXPECT_FALSE(gConvertOld_patch(1252, 65001, nullptr, out));
+}
+
+TEST(AssociativeArrayConvert, PlainTextAndNegativeCountsAreLogged) {
+    TagScope trace("Trace", true);
+    nTagScope::ErrorRecords errors;
+    EXPECT_EQ(x1("abc"), "abc");
+    EXPECT_EQ(x1("-1 '1 \xe9 '1 b "), "-1 '1 \xc3\xa9 '1 b ");
+    // The value "b" is a leaf, then the whole text is, its pairs running out.
+    std::string const leaf = "gConvertX1Internal_patch\tIllegal associative array syntax: ";
+    EXPECT_EQ(
+        texts(errors.records()),
+        (Texts{leaf + "Error", "Negative number of arguments: \t-1\t input : \t'1 \xe9 '1 b ", leaf + "Error", leaf}));
+    EXPECT_EQ(errors.records()[0].tag, "Trace");
+    EXPECT_EQ(errors.count("associativearray"), 1u);
+}
+
+TEST(AssociativeArrayConvert, OldConverterCutsAtNulAndUnknownModesFail) {
+    nTagScope::ErrorRecords errors;
+    RWCString out;
+    // The text itself ends at the NUL: the cut text is no form, so a leaf.
+    EXPECT_TRUE(gConvertOld_patch(1252, 65001, "1 '3 k\0x '3 \xe9\0b ", out));
+    EXPECT_EQ(out.stdString(), "1 '3 k");
+    // A count below one gives no pairs and no record.
+    EXPECT_TRUE(gConvertOld_patch(1252, 65001, "-2 '1 a '1 b ", out));
+    EXPECT_EQ(out.stdString(), "-2 ");
+    EXPECT_EQ(errors.total(), 0u);
+    // An unknown mode fails with an empty Error record and leaves `out` as it was.
+    EXPECT_FALSE(gConvert_patch(-1, 1252, 65001, "1 '1 k '1 v ", -1, out));
+    EXPECT_EQ(out.stdString(), "-2 ");
+    EXPECT_EQ(texts(errors.records()), Texts{""});
+    // An unknown code page fails the leaf conversions.
+    EXPECT_FALSE(gConvertX1_patch(1252, 4242, "plain", -1, out));
+    EXPECT_FALSE(gConvertX1_patch(1252, 4242, "1 '1 k '1 v ", -1, out));
+}
+
+// A text form nested `levels` deep: each level one pair (key, next level) around `text`.
+std::string nested(int levels, std::string text, std::string const& key) {
+    for (int level = 0; level < levels; ++level) {
+        CAssociativeArray record;
+        record.AddCouple(key.c_str(), text.data(), static_cast<int>(text.size()));
+        text = record.ToStringRef(false, false).stdString();
+    }
+    return text;
+}
+
+TEST(AssociativeArrayConvert, DepthLimitConvertsDeepValuesAsLeaves) {
+    TagScope trace("Trace", true);
+    nLog::cCapture capture;
+    // Texts at depths 0 to 64 are read as forms (keys kept, lengths rewritten); the text at
+    // depth 65 is converted as one leaf, its keys included and its inner lengths unchanged.
+    std::string const deepPart = nested(35, "\xe9", "\xe9");
+    std::string convertedPart = deepPart;
+    for (size_t at = 0; (at = convertedPart.find('\xe9', at)) != std::string::npos; at += 2)
+        convertedPart.replace(at, 1, "\xc3\xa9");
+    EXPECT_EQ(x1(nested(65, deepPart, "\xe9")), nested(65, convertedPart, "\xe9"));
+    int limits = 0;
+    for (nLog::cRecord const& r : capture.records()) limits += r.text.find("nested deeper than") != std::string::npos;
+    EXPECT_EQ(limits, 1);
+    std::string const deep = nested(3000, "x", "k");  // a hostile depth: still bounded, and the leaf converted
+    EXPECT_EQ(x1(deep), deep);
 }
 
 }  // namespace

@@ -1,9 +1,7 @@
-// Arbitrary bytes as a received message, made with the four-argument constructor or taken over
-// from a typed message, then printed, re-addressed as a reply, re-packed and read back.
-//
-// Input: 2 bytes type, 2 bytes subtype, 1 byte "cut" (that many bytes dropped from the end), 1
-// byte of flags (bit 0: through ZEPTmo2Cqm), then the packed bytes. The message gets a heap copy
-// of exactly that length, so that AddressSanitizer catches any read past it.
+// Arbitrary bytes as a received message, made directly or through a typed message, then printed,
+// re-addressed as a reply, and re-packed: the re-packed buffer must read back to the same members.
+// Input: type (2 bytes), subtype (2), "cut" (1: bytes dropped from the end), flags (1: bit 0, through
+// ZEPTmo2Cqm), then the packed bytes, given as a heap copy of exactly their length (for ASan).
 #include "netmsg.h"
 #include "zeppackmsg.h"
 

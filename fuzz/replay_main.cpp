@@ -1,6 +1,5 @@
-// Replays fuzz inputs without libFuzzer: every file named on the command line, or found below a
-// directory named there, goes once to LLVMFuzzerTestOneInput. A crash or sanitizer report fails
-// the run, and so do an unreadable file and finding no input at all.
+// Replays fuzz inputs without libFuzzer: each file named, or found below a directory named, goes once
+// to LLVMFuzzerTestOneInput. A crash, an unreadable file or no input at all fails the run.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -16,7 +15,7 @@ int main(int argc, char** argv) {
     auto const replay = [&replayed](std::filesystem::path const& path) {
         std::ifstream in(path, std::ios::binary);
         if (!in) std::fprintf(stderr, "cannot read %s\n", path.c_str()), std::exit(1);
-        // A buffer of exactly the file's size, so that AddressSanitizer catches a read past the input.
+        // Exactly the file's size, so that AddressSanitizer catches a read past the input.
         std::vector<uint8_t> const input((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
         LLVMFuzzerTestOneInput(input.empty() ? nullptr : input.data(), input.size());
         ++replayed;

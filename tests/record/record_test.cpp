@@ -1,25 +1,57 @@
-// The record: adding and replacing, numbers and arrays, the readers with and without a default,
-// the exceptions, Reset and the move constructor, the objects it hands out; the writer (byte-exact
-// images, the flags that leave bulky values out, the cache every call rewrites); its heap use
-// (lookups allocate nothing, false counts reserve nothing, every block is freed); the hub key dump.
-#include "assoc_test_util.h"
+// The record (adding, replacing, reading, the exceptions, Reset, moving, the objects it hands out,
+// its heap use), its text form (writer, reader, the cursor-level steps), the hub key dump and the
+// code-page converters. Built with CONVERT_MODE, it is instead the program of one process-wide
+// conversion mode, which is read once per process.
+#include "Log.h"
+#include "associativearray.h"
+#include "files.h"
 #include "send2hub.h"
+#include "tagscope.h"
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
 #include <algorithm>
 #include <climits>
+#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <new>
+#include <random>
 #include <set>
 #include <sstream>
+#include <thread>
+#include <unordered_map>
 
 using namespace std::string_literals;
-using assoctest::pairsOf;
+using Texts = std::vector<std::string>;
 
-char const* const kEnd = nullptr;
+namespace {
+
+// Every pair of the record, walked with the dictionary's own iterator, as "key=value" lines sorted by key.
+std::string pairsOf(CAssociativeArray& record) {
+    std::map<std::string, std::string> pairs;
+    RWHashDictionaryIterator next(record);
+    while (RWCollectable* key = next())
+        pairs.emplace(static_cast<RWCollectableString&>(*key).stdString(),
+                      static_cast<RWCollectableString&>(*next.value()).stdString());
+    std::string text;
+    for (auto const& [key, value] : pairs) text += key + "=" + value + "\n";
+    return text;
+}
+
+Texts texts(std::vector<nLog::cRecord> const& records) {
+    Texts texts;
+    for (nLog::cRecord const& r : records) texts.push_back(r.text);
+    return texts;
+}
+
+}  // namespace
+
+#ifndef CONVERT_MODE
 
 namespace {
 
@@ -218,25 +250,18 @@ TEST(AssociativeArrayWriter, ImagesAndTheFlagsThatLeaveBulkyValuesOut) {
     std::set<std::string> const images{std::string("2 '1 a '1 b '3 key '1 \0 ", 24),
                                        std::string("2 '3 key '1 \0 '1 a '1 b ", 24)};
     EXPECT_EQ(images.count(written(record, false, false)), 1u) << written(record, false, false);
-    std::string const big(10000, '\0');
-    struct {
-        char const* key;
-        std::string value;
-        bool skipResponseBody, skipProxyPostData;
-        std::string image;
-    } const rows[] = {
-        {"$RESPONSEBODY", "hello", true, false, "1 '13 $RESPONSEBODY '0  "},
-        {"$RESPONSEBODY", "hello", false, true, "1 '13 $RESPONSEBODY '5 hello "},
-        {"$PROXYPOSTDATA", "x", false, true, "1 '14 $PROXYPOSTDATA '1 x "},
-        {"$PROXYPOSTDATA", "x", true, true, "1 '14 $PROXYPOSTDATA '0  "},
-        {"$responsebody", "kept", true, true, "1 '13 $responsebody '4 kept "},
-        {"big", big, false, false, "1 '3 big '10000 " + big + " "},  // as many digits as it needs
-    };
-    for (auto const& row : rows) {
+    auto const image = [](char const* key, std::string const& value, bool skipResponseBody, bool skipProxyPostData) {
         CAssociativeArray one;
-        one.AddCouple(row.key, row.value.data(), static_cast<int>(row.value.size()));
-        EXPECT_EQ(written(one, row.skipResponseBody, row.skipProxyPostData), row.image);
-    }
+        one.AddCouple(key, value.data(), static_cast<int>(value.size()));
+        return written(one, skipResponseBody, skipProxyPostData);
+    };
+    EXPECT_EQ(image("$RESPONSEBODY", "hello", true, false), "1 '13 $RESPONSEBODY '0  ");
+    EXPECT_EQ(image("$RESPONSEBODY", "hello", false, true), "1 '13 $RESPONSEBODY '5 hello ");
+    EXPECT_EQ(image("$PROXYPOSTDATA", "x", false, true), "1 '14 $PROXYPOSTDATA '1 x ");
+    EXPECT_EQ(image("$PROXYPOSTDATA", "x", true, true), "1 '14 $PROXYPOSTDATA '0  ");
+    EXPECT_EQ(image("$responsebody", "kept", true, true), "1 '13 $responsebody '4 kept ");
+    std::string const big(10000, '\0');  // as many digits as the length needs
+    EXPECT_EQ(image("big", big, false, false), "1 '3 big '10000 " + big + " ");
     // Each call rewrites the cache: a pointer from an earlier call shows the latest text.
     CAssociativeArray one;
     one.AddCouple("$RESPONSEBODY", "hello");
@@ -260,6 +285,8 @@ TEST(AssociativeArrayAllocation, LookupsAllocateNothingFalseLengthsReserveNothin
         EXPECT_EQ(record.entries(), kept) << text;
     }
 }
+
+char const* const kEnd = nullptr;
 
 // The hub key dump ("<null>" for a null result), written straight in the text form with the sender first.
 template <class... Args>
@@ -286,4 +313,334 @@ TEST(HubDump, TextFormWithTheSenderFirstOrNullForAMissingValue) {
     EXPECT_EQ(pairsOf(record), "=no key\n$FROM=agent@host7\nempty=\nmode=fast\nodd=" + awkward + "\n");
 }
 
+std::string readOk(std::string const& text) {
+    CAssociativeArray record;
+    record.FromString(text.data(), static_cast<int>(text.size()));
+    return pairsOf(record);
+}
+
+// The text carried by the CIllegalAssoSyntaxException that `read` ends in.
+template <class Read>
+std::string failureOf(Read read) {
+    try {
+        read();
+    } catch (CIllegalAssoSyntaxException const& e) {
+        EXPECT_EQ(e.messageNumber(), 10);
+        return e.arguments().size() == 1 ? e.arguments()[0] : "<arguments>";
+    }
+    return "<no exception>";
+}
+
+std::string failureOf(std::string const& text) {
+    CAssociativeArray record;
+    return failureOf([&] { record.FromString(text.data(), static_cast<int>(text.size())); });
+}
+
+TEST(AssociativeArrayReader, WorkedExamplesAndEveryEntryPoint) {
+    // The byte after the last piece may be missing; the byte skipped after a piece is not looked at.
+    for (char const* text : {"1 '2 ab '3 xyz ", "1 '2 ab '3 xyz", "1 '2 ab '3 xyz trailing junk", "1 '2 abX'3 xyzY"})
+        EXPECT_EQ(readOk(text), "ab=xyz\n") << text;
+    EXPECT_EQ(readOk("-3 "), "");
+    EXPECT_EQ(readOk("0002 '01 a '1 1 '1 b '0  "), "a=1\nb=\n");     // numbers as strtol reads them
+    EXPECT_EQ(readOk(std::string("1 '3 a\0b '1 v ", 14)), "a=v\n");  // keys stop at their first NUL
+    std::string const text("1 '2 ab '3 x\0z ", 15);
+    CAssociativeArray a, b, c, d, e;
+    a.FromStringZ1(text);
+    b.FromStringZ1(RWCString(text));
+    c.FromStringRef(RWCString(text));
+    EXPECT_EQ(pairsOf(a) + pairsOf(b) + pairsOf(c), "ab=x\0z\nab=x\0z\nab=x\0z\n"s);
+    // The NUL-ended forms: the text ends where the skipped byte would be.
+    d.FromStringX2_deprecate("1 '2 ab '3 xyz");
+    e.FromStringZTS("1 '2 ab '3 xyz");
+    EXPECT_EQ(pairsOf(d) + pairsOf(e), "ab=xyz\nab=xyz\n");
+    // Reading adds to what is there; a failure keeps the pairs read before it.
+    EXPECT_THROW(e.FromStringZTS("2 '1 b '1 3 '1 c 4 "), CIllegalAssoSyntaxException);
+    EXPECT_EQ(pairsOf(e), "ab=xyz\nb=3\n");
+}
+
+TEST(AssociativeArrayReader, SyntaxErrorsCarryTheWholeInputAndAreLoggedTwice) {
+    nTagScope::ErrorRecords errors;
+    for (std::string const& text :
+         Texts{"", "x ", "1 '2 ab 3 xyz ", "2 '1 a '1 b ", "1 '-1 a '1 b ", "1 '2 ab '4 xyz", "1 '2147483648 a ",
+               "1 '2 ab '0x3 xyz ", "1 '00 a ", "1 ' a '1 b ", "0000000000000000001 '1 a '1 b ", "1 '2 a\0 '9 \0\0 "s})
+        EXPECT_EQ(failureOf(text), text) << text;
+    EXPECT_EQ(errors.count("associativearray"), 24u);
+    // Lengths are checked against the given length, not against what follows in memory.
+    std::string const text("1 '2 ab '3 xyz ");
+    CAssociativeArray record;
+    EXPECT_EQ(failureOf([&] { record.FromString(text.data(), 12); }), text.substr(0, 12));
+    EXPECT_EQ(failureOf([&] { record.FromString(text.data(), -1); }), "");
+    EXPECT_EQ(failureOf([&] { record.FromString(nullptr, 5); }), "");
+    // The bare char const* forms end at the NUL: a value cannot run past it.
+    std::string const withNul("1 '2 ab '5 x\0yz ", 16);
+    EXPECT_EQ(readOk(withNul), "ab=x\0yz \n"s);
+    EXPECT_EQ(failureOf([&] { record.FromStringZTS(withNul.data()); }), "1 '2 ab '5 x");
+    EXPECT_EQ(failureOf([&] { record.FromStringZTS(nullptr); }), "");
+    // The first record shows the first exception (here the rest of the text where the apostrophe was
+    // missing), the second the input, of which the bare char const* forms show 14 bytes at most.
+    errors.clear();
+    EXPECT_THROW(record.FromString("1 '2 ab 3 xyz ", 14), CIllegalAssoSyntaxException);
+    EXPECT_THROW(record.FromStringX2_deprecate("1 '2 ab '30 xyz and more text"), CIllegalAssoSyntaxException);
+    EXPECT_EQ(texts(errors.records()), (Texts{"Illegal associative array syntax: 3 xyz ", "14\t1 '2 ab 3 xyz ",
+                                              "Illegal associative array syntax: Error", "14\t1 '2 ab '30 xy"}));
+}
+
+// What gParseInt reads (or "refused") and how far it moves the cursor: past the blank even when the
+// number is then refused.
+TEST(AssociativeArrayReader, ParseIntStep) {
+    Texts results;
+    for (char const* text : {"12x rest", "-5 ", "0 ", "000000000000000001 ", "99999999999999 ", "-99999999999999 ",
+                             "x rest", "", "12", "00 ", "-0 ", "0000000000000000001 ", "1\0 "}) {
+        char const* cursor = text;
+        try {
+            results.push_back(std::to_string(gParseInt(cursor)));
+        } catch (CIllegalAssoSyntaxException const&) {
+            results.push_back("refused");
+        }
+        results.back() += " +" + std::to_string(cursor - text);
+    }
+    EXPECT_EQ(results, (Texts{"12 +4", "-5 +3", "0 +2", "1 +19", "2147483647 +15", "-2147483648 +16", "refused +2",
+                              "refused +0", "refused +0", "refused +3", "refused +3", "refused +0", "refused +0"}));
+}
+
+TEST(AssociativeArrayReader, LoadStringStep) {
+    char* buffer = nullptr;  // none yet, whatever the size says: one is made, then grown to a piece's length
+    int size = 1024;
+    RWCString out("old");
+    std::string const big(2000, 'q'), text = "'3 a\0b '2000 "s + big + " '0  ";
+    char const* cursor = gLoadString(text.data(), buffer, size, out);
+    EXPECT_EQ(out.stdString() + std::string(buffer, 4) + std::to_string(size),
+              "a\0ba\0b\0"
+              "3"s);
+    cursor = gLoadString(cursor, buffer, size, out, true);
+    EXPECT_EQ(out.stdString() + buffer[2000] + std::to_string(size), big + '\0' + "2000");
+    cursor = gLoadString(cursor, buffer, size, out);
+    EXPECT_EQ(out.stdString() + std::to_string(size), "2000");
+    EXPECT_EQ(cursor, text.data() + text.size());
+    EXPECT_EQ(failureOf([&] { gLoadString("3 abc rest", buffer, size, out); }), "3 abc rest");  // the rest of the text
+    EXPECT_EQ(failureOf([&] { gLoadString("'-1 x ", buffer, size, out); }), "Error");
+    delete[] buffer;
+}
+
+// 2048 keys of 88 bytes that share one RWCString::hash(), which is FNV-1a without a key (hosts may
+// rely on its value): two blocks that collide from the same state collide whatever follows, so a
+// colliding pair of 8-letter blocks (found by the birthday bound) per stage doubles the keys. Read
+// into a record (a table half full) they must spread as random keys do, about 1.5 slots visited per
+// key, not a number growing with the square of the keys that share a hash.
+TEST(AssociativeArrayReader, KeysChosenToCollideSpreadLikeRandomKeys) {
+    std::mt19937 random(20240612u);
+    std::vector<std::string> keys{""};
+    for (uint32_t state = 2166136261u; keys.size() < 2048;) {
+        std::unordered_map<uint32_t, std::string> seen;
+        for (bool found = false; !found;) {
+            std::string block(8, 'a');
+            for (char& c : block) c = static_cast<char>('a' + random() % 26);
+            uint32_t after = state;
+            for (unsigned char c : block) after = (after ^ c) * 16777619u;
+            auto const [other, added] = seen.emplace(after, block);
+            if ((found = !added && other->second != block)) {
+                std::vector<std::string> doubled;
+                for (std::string const& key : keys) doubled.insert(doubled.end(), {key + other->second, key + block});
+                keys.swap(doubled);
+                state = after;
+            }
+        }
+    }
+    std::string text = "2048";
+    for (std::string const& key : keys) text += " '88 " + key + " '1 v";
+    CAssociativeArray flooded;
+    flooded.FromStringZ1(text + " ");
+    ASSERT_EQ(RWCString(keys[0].c_str()).hash(), RWCString(keys[2047].c_str()).hash());
+    ASSERT_EQ(flooded.entries(), 2048u);
+    EXPECT_LT(flooded.probeCount(), 3 * 2048u);
+}
+
+// What the current converter makes of the text, or "failed".
+std::string x1(char const* text, int length, unsigned to = 65001, unsigned from = 1252) {
+    RWCString out("stale");
+    return gConvertX1_patch(from, to, text, length, out) ? out.stdString() : "failed";
+}
+std::string x1(std::string const& text) { return x1(text.data(), static_cast<int>(text.size())); }
+
+TEST(AssociativeArrayConvert, ValuesAreConvertedAndLengthsRewritten) {
+    // Keys stay; plain text is a leaf, up to its first NUL; a form that does not parse (a false value
+    // length, a false key length) is a leaf as a whole.
+    for (auto const& [text, converted] : {std::pair{"2 '1 \xe9 '1 \xe9 '1 e '0  "s, "2 '1 \xe9 '2 \xc3\xa9 '1 e '0  "s},
+                                          {"abc \xe9", "abc \xc3\xa9"},
+                                          {"\xe9\0z"s, "\xc3\xa9"},
+                                          {"", ""},
+                                          {"1 '1 k '9 \xe9 ", "1 '1 k '9 \xc3\xa9 "},
+                                          {"1 '99 '1 \xe9 ", "1 '99 '1 \xc3\xa9 "}})
+        EXPECT_EQ(x1(text), converted);
+    EXPECT_EQ(x1("1 '1 k '2 \xc3\xa9 ", -1, 1252, 65001), "1 '1 k '1 \xe9 ");
+    EXPECT_EQ(x1("\xe9", 0), "");           // a length of 0 is no text
+    EXPECT_EQ(x1("\xe9", -1), "\xc3\xa9");  // -1: up to the NUL
+    EXPECT_EQ(x1(nullptr, 4), "failed");
+    EXPECT_EQ(x1("plain", -1, 4242), "failed");  // an unknown code page fails the leaf conversions
+    EXPECT_EQ(x1("1 '1 k '1 v ", -1, 4242), "failed");
+    RWCString out;
+    EXPECT_FALSE(gConvertOld_patch(1252, 65001, nullptr, out));
+}
+
+TEST(AssociativeArrayConvert, PlainTextAndNegativeCountsAreLogged) {
+    TagScope trace("Trace", true);
+    nTagScope::ErrorRecords errors;
+    EXPECT_EQ(x1("abc"), "abc");
+    EXPECT_EQ(x1("-1 '1 \xe9 '1 b "), "-1 '1 \xc3\xa9 '1 b ");
+    // The value "b" is a leaf, then the whole text is, its pairs running out.
+    std::string const leaf = "gConvertX1Internal_patch\tIllegal associative array syntax: ";
+    EXPECT_EQ(
+        texts(errors.records()),
+        (Texts{leaf + "Error", "Negative number of arguments: \t-1\t input : \t'1 \xe9 '1 b ", leaf + "Error", leaf}));
+    EXPECT_EQ(errors.records()[0].tag, "Trace");
+    EXPECT_EQ(errors.count("associativearray"), 1u);
+}
+
+TEST(AssociativeArrayConvert, OldConverterCutsAtNulAndUnknownModesFail) {
+    nTagScope::ErrorRecords errors;
+    RWCString out;
+    // The text itself ends at the NUL: the cut text is no form, so a leaf.
+    EXPECT_TRUE(gConvertOld_patch(1252, 65001, "1 '3 k\0x '3 \xe9\0b ", out));
+    EXPECT_EQ(out.stdString(), "1 '3 k");
+    // A count below one gives no pairs and no record.
+    EXPECT_TRUE(gConvertOld_patch(1252, 65001, "-2 '1 a '1 b ", out));
+    EXPECT_EQ(out.stdString(), "-2 ");
+    EXPECT_EQ(errors.total(), 0u);
+    // An unknown mode fails with an empty Error record and leaves `out` as it was.
+    EXPECT_FALSE(gConvert_patch(-1, 1252, 65001, "1 '1 k '1 v ", -1, out));
+    EXPECT_EQ(out.stdString(), "-2 ");
+    EXPECT_EQ(texts(errors.records()), Texts{""});
+}
+
+// A text form nested `levels` deep: each level one pair (key, next level) around `text`.
+std::string nested(int levels, std::string text, std::string const& key) {
+    for (int level = 0; level < levels; ++level) {
+        CAssociativeArray record;
+        record.AddCouple(key.c_str(), text.data(), static_cast<int>(text.size()));
+        text = record.ToStringRef(false, false).stdString();
+    }
+    return text;
+}
+
+TEST(AssociativeArrayConvert, DepthLimitConvertsDeepValuesAsLeaves) {
+    TagScope trace("Trace", true);
+    nLog::cCapture capture;
+    // Texts at depths 0 to 64 are read as forms (keys kept, lengths rewritten); the text at
+    // depth 65 is converted as one leaf, its keys included and its inner lengths unchanged.
+    std::string const deepPart = nested(35, "\xe9", "\xe9");
+    std::string convertedPart = deepPart;
+    for (size_t at = 0; (at = convertedPart.find('\xe9', at)) != std::string::npos; at += 2)
+        convertedPart.replace(at, 1, "\xc3\xa9");
+    EXPECT_EQ(x1(nested(65, deepPart, "\xe9")), nested(65, convertedPart, "\xe9"));
+    int limits = 0;
+    for (nLog::cRecord const& r : capture.records()) limits += r.text.find("nested deeper than") != std::string::npos;
+    EXPECT_EQ(limits, 1);
+    std::string const deep = nested(3000, "x", "k");  // a hostile depth: still bounded, and the leaf converted
+    EXPECT_EQ(x1(deep), deep);
+}
+
 }  // namespace
+
+#else
+
+namespace {
+
+// A key and a value holding a NUL, a non-ASCII key, a plain value and a nested text form; and a
+// text form given a length (5) that ends before its NUL does.
+std::string const kText = "3 '3 k\0x '3 \xe9\0b '1 \xe9 '5 h\xe9llo '1 n '12 1 '1 \xe9 '1 \xe9  "s;
+char const kShort[] = "1 '1 k '1 \xe9 ";
+
+std::string const kIllegal = "Illegal associative array syntax: Error";
+
+struct Mode {
+    char const* ini;              // the settings file that selects it
+    std::string text, shortened;  // the outcomes for kText and kShort
+    Texts records;                // the Error texts written for kText
+} const kModes[] = {
+    // 0, no setting: no conversion, every byte kept, as many as the length says.
+    {"[Other]\nSomethingElse=2\n",
+     kText + " | k=\xe9\0b\nn=1 '1 \xe9 '1 \xe9 \n\xe9=h\xe9llo\n"s,
+     "1 '1  | throws",
+     {}},
+    // 1, the old converter, reads up to the first NUL whatever the length: kText ends inside its
+    // first key, so it is no form but plain text (converted, then refused by the reader).
+    {"; the old converter\nColloquyAnsiConversion_patch = 1 ; old\n",
+     "3 '3 k | throws",
+     "1 '1 k '2 \xc3\xa9  | k=\xc3\xa9\n",
+     {kIllegal, "6\t3 '3 k"}},
+    // 2, the current converter, keeps keys whole and logs a negative count; "2abc" reads as 2.
+    {"[Colloquy]\nColloquyAnsiConversion_patch=2abc\n",
+     "3 '3 k\0x '2 \xc3\xa9 '1 \xe9 '6 h\xc3\xa9llo '1 n '13 1 '1 \xe9 '2 \xc3\xa9   | k=\xc3\xa9\nn=1 '1 \xe9 '2 \xc3\xa9 \n\xe9=h\xc3\xa9llo\n"s,
+     "1 '1  | throws",
+     {"Negative number of arguments: \t-2\t input : \t'1 a '1 b "}},
+    // 7, unknown, converts nothing; FromStringConvert then reads the empty text, no form.
+    {"ColloquyAnsiConversion_patch=7\n",
+     "failed | throws",
+     "failed | throws",
+     {"", "", "FromStringConvert: conversion failed, mode\t7\t1252\t65001", kIllegal, "0\t"}},
+};
+Mode const& kMode = kModes[CONVERT_MODE == 7 ? 3 : CONVERT_MODE];
+
+// The settings file that selects the mode, in a scratch directory named by QR_BIN.
+struct Settings {
+    std::string const directory = gScratchDirectory("convert_mode"), path = directory + "/vantage.ini";
+    Settings() {
+        gWriteFile(path, kMode.ini);
+        setenv("QR_BIN", directory.c_str(), 1);
+    }
+    ~Settings() {
+        std::remove(path.c_str());
+        rmdir(directory.c_str());
+    }
+} const gSettings;
+
+// What ConvertX0 ("failed", `out` untouched) and FromStringConvert (the pairs, or "throws") make of the text.
+std::string outcome(char const* text, int length) {
+    RWCString out("untouched");
+    bool const converted = CAssociativeArray::ConvertX0(1252, 65001, text, length, out);
+    std::string result = converted ? out.stdString() : out == "untouched" ? "failed" : "failed, out changed";
+    CAssociativeArray record;
+    try {
+        record.FromStringConvert(1252, 65001, text, length);
+        return result + " | " + pairsOf(record);
+    } catch (CIllegalAssoSyntaxException const&) {
+        return result + " | throws";
+    }
+}
+
+TEST(ConversionMode, ConvertersFollowTheSettingsFile) {
+    ASSERT_NE(access("vantage.ini", F_OK), 0) << "a vantage.ini in the working directory would be found first";
+    EXPECT_EQ(gColloquyAnsiConversion__patch(), CONVERT_MODE);
+    TagScope error("Error", true);
+    {
+        nLog::cCapture capture;
+        EXPECT_EQ(outcome(kText.data(), static_cast<int>(kText.size())), kMode.text);
+        CAssociativeArray record;
+        if (CONVERT_MODE != 7) record.FromStringConvert(1252, 65001, "-2 '1 a '1 b ", 13);  // a count below one
+        EXPECT_EQ(record.entries(), 0u);
+        EXPECT_EQ(texts(capture.records()), kMode.records);
+    }
+    EXPECT_EQ(outcome(kShort, 5), kMode.shortened);
+    // ConvertZ38 is the current converter whatever the mode; a null text fails in every mode.
+    RWCString out;
+    EXPECT_TRUE(CAssociativeArray::ConvertZ38(1252, 65001, "1 '1 k '1 \xe9 ", out));
+    EXPECT_EQ(out.stdString(), "1 '1 k '2 \xc3\xa9 ");
+    EXPECT_FALSE(CAssociativeArray::ConvertX0(1252, 65001, nullptr, 3, out));
+}
+
+TEST(ConversionMode, TheSwitchIsReadOnce) {
+    std::vector<int> seen(8, -1);
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < seen.size(); ++i)
+        threads.emplace_back([&seen, i] { seen[i] = gColloquyAnsiConversion__patch(); });
+    for (std::thread& t : threads) t.join();
+    EXPECT_EQ(seen, std::vector<int>(8, CONVERT_MODE));
+    int const other = CONVERT_MODE == 0 ? 2 : 0;
+    gWriteFile(gSettings.path, "ColloquyAnsiConversion_patch=" + std::to_string(other) + "\n");
+    EXPECT_EQ(gColloquyAnsiConversionInit__patch::_(), other);  // the file did change...
+    EXPECT_EQ(gColloquyAnsiConversion__patch(), CONVERT_MODE);  // ...the process keeps its mode
+}
+
+}  // namespace
+
+#endif

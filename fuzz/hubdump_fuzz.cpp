@@ -1,7 +1,6 @@
-// Arbitrary texts through the hub dump and the address. The input, cut at NUL bytes, is a sender and
-// up to four key/value pairs: the dump must read back as exactly those pairs plus "$FROM" (the last
-// value of a repeated key wins), and the sender as an address must keep its text and split into
-// parts free of "@" that join again.
+// Arbitrary texts, cut at NUL bytes, as a sender and up to four pairs: the hub dump must read back as
+// those pairs plus "$FROM" (a repeated key's last value wins), and the sender as an address must keep
+// its text and split into parts free of "@" that join again.
 #include "associativearray.h"
 #include "send2hub.h"
 #include "zepnames.h"

@@ -1,7 +1,6 @@
-// Arbitrary bytes as a received message, made directly or through a typed message, then printed,
-// re-addressed as a reply, and re-packed: the re-packed buffer must read back to the same members.
-// Input: type (2 bytes), subtype (2), "cut" (1: bytes dropped from the end), flags (1: bit 0, through
-// ZEPTmo2Cqm), then the packed bytes, given as a heap copy of exactly their length (for ASan).
+// Arbitrary bytes as a received message (made directly or through a typed message), printed, re-addressed
+// as a reply and re-packed, which must read back to the same members. Input: type (2 bytes), subtype (2),
+// cut (1: bytes dropped from the end), flags (1: bit 0, through ZEPTmo2Cqm), then the packed bytes.
 #include "netmsg.h"
 #include "zeppackmsg.h"
 
@@ -16,7 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
     if (size < 6) return 0;
     auto const type = static_cast<short>(data[0] << 8 | data[1]), subType = static_cast<short>(data[2] << 8 | data[3]);
     size_t const length = size - 6 - std::min<size_t>(data[4], size - 6);
-    char* copy = new char[length];
+    char* copy = new char[length];  // exactly that long, so that ASan catches a read past it
     if (length > 0) std::memcpy(copy, data + 6, length);
     std::unique_ptr<cColloquyMessage> m;
     if (data[5] & 1) {

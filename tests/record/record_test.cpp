@@ -1,7 +1,5 @@
-// The record (adding, replacing, reading, the exceptions, Reset, moving, the objects it hands out,
-// its heap use), its text form (writer, reader, the cursor-level steps), the hub key dump and the
-// code-page converters. Built with CONVERT_MODE, it is instead the program of one process-wide
-// conversion mode, which is read once per process.
+// The record, its text form (writer, reader, cursor-level steps), the hub key dump and the code-page
+// converters; built with CONVERT_MODE, the program of that process-wide mode (read once per process).
 #include "Log.h"
 #include "associativearray.h"
 #include "files.h"
@@ -13,18 +11,14 @@
 #include <unistd.h>
 #include <algorithm>
 #include <climits>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
 #include <new>
-#include <random>
-#include <set>
 #include <sstream>
 #include <thread>
-#include <unordered_map>
 
 using namespace std::string_literals;
 using Texts = std::vector<std::string>;
@@ -49,11 +43,7 @@ Texts texts(std::vector<nLog::cRecord> const& records) {
     return texts;
 }
 
-}  // namespace
-
 #ifndef CONVERT_MODE
-
-namespace {
 
 // The heap use of the code that heapUse runs: allocations, the largest, and those not freed again.
 struct HeapUse {
@@ -155,9 +145,8 @@ TEST(AssociativeArrayRecord, MissingKeyThrowsWithTheWholeTextForm) {
 TEST(AssociativeArrayRecord, ResetAndMoveHandOverTheObjects) {
     CAssociativeArray record;
     record.AddCouple("a", "1");
-    RWHashDictionaryIterator next(record);
-    RWCollectable* const key = next();
-    RWCollectable* const value = next.value();
+    RWCollectableString const a("a");
+    RWCollectable *const key = record.find(&a), *const value = record.findValue(&a);
     record.Reset();  // forgets the pairs without destroying them
     EXPECT_FALSE(record.KeyExists("a"));
     EXPECT_EQ(static_cast<RWCollectableString*>(value)->stdString(), "1");  // alive, and ours to destroy
@@ -174,8 +163,7 @@ TEST(AssociativeArrayRecord, ResetAndMoveHandOverTheObjects) {
     EXPECT_EQ(CAssociativeArray(_typer_c<zc_move__deprecate>(), nullptr).entries(), 0u);
 }
 
-// Read from one text form, the objects share blocks; each one taken out of the record lives on
-// after the record and the other objects are gone, and the last one of a block frees it.
+// Objects read from one text form share blocks: each outlives the others and the record, the last frees it.
 TEST(AssociativeArrayRecord, ObjectsOutliveTheRecordAndEveryBlockIsFreed) {
     CAssociativeArray source;
     for (int i = 0; i < 150; ++i)
@@ -189,9 +177,8 @@ TEST(AssociativeArrayRecord, ObjectsOutliveTheRecordAndEveryBlockIsFreed) {
             record.FromStringZ1(text);
             for (int i = 0; i < 150; i += 37) {
                 RWCollectableString const probe(("k" + std::to_string(i)).c_str());
-                RWCollectable* value = nullptr;
-                RWCollectable* const key = record.removeKeyAndValue(&probe, value);
-                taken.emplace_back(key, value);
+                taken.emplace_back(nullptr, nullptr);
+                taken.back().first = record.removeKeyAndValue(&probe, taken.back().second);
             }
             record.AddCouple("k1", "replaced");  // the old value goes back on its own
             record.AddCouple("new", "pair");
@@ -207,8 +194,8 @@ TEST(AssociativeArrayRecord, ObjectsOutliveTheRecordAndEveryBlockIsFreed) {
     EXPECT_EQ(use.live, 0);
 }
 
-// Pairs put in through the dictionary's own interface: a plain string value is written and replaced
-// (and destroyed), an int value and a missing value are written empty and read as missing.
+// Through the dictionary's own interface: a plain string value is replaced (and destroyed), an int value
+// and a missing value are written empty and read as missing.
 TEST(AssociativeArrayRecord, ObjectsOfOtherKindsAreWrittenAndDestroyed) {
     CAssociativeArray record;
     record.insertKeyAndValue(new RWCollectableString("s"), new RWCollectableString("text"));
@@ -234,27 +221,16 @@ TEST(AssociativeArrayRecord, DecodeIfEscapesTheStoredValueInPlace) {
     EXPECT_EQ(record.GetValueOfParameterAndDecodeIf("empty", true).stdString(), "");
 }
 
-std::string written(CAssociativeArray const& record, bool skipResponseBody, bool skipProxyPostData) {
-    char const* text = nullptr;
-    int length = -1;
-    record.ToString(text, length, skipResponseBody, skipProxyPostData);
-    return std::string(text, static_cast<size_t>(length));
-}
-
 TEST(AssociativeArrayWriter, ImagesAndTheFlagsThatLeaveBulkyValuesOut) {
-    CAssociativeArray record;
-    EXPECT_EQ(written(record, false, false), " ");  // no pairs: no count either
-    record.AddCouple("a", "b");
-    record.AddCouple("key", "\0", 1);
-    // The order is the dictionary's own: either is a correct image.
-    std::set<std::string> const images{std::string("2 '1 a '1 b '3 key '1 \0 ", 24),
-                                       std::string("2 '3 key '1 \0 '1 a '1 b ", 24)};
-    EXPECT_EQ(images.count(written(record, false, false)), 1u) << written(record, false, false);
     auto const image = [](char const* key, std::string const& value, bool skipResponseBody, bool skipProxyPostData) {
         CAssociativeArray one;
-        one.AddCouple(key, value.data(), static_cast<int>(value.size()));
-        return written(one, skipResponseBody, skipProxyPostData);
+        if (key) one.AddCouple(key, value.data(), static_cast<int>(value.size()));
+        char const* text = nullptr;
+        int length = -1;
+        one.ToString(text, length, skipResponseBody, skipProxyPostData);
+        return std::string(text, static_cast<size_t>(length));
     };
+    EXPECT_EQ(image(nullptr, "", false, false), " ");  // no pairs: no count either
     EXPECT_EQ(image("$RESPONSEBODY", "hello", true, false), "1 '13 $RESPONSEBODY '0  ");
     EXPECT_EQ(image("$RESPONSEBODY", "hello", false, true), "1 '13 $RESPONSEBODY '5 hello ");
     EXPECT_EQ(image("$PROXYPOSTDATA", "x", false, true), "1 '14 $PROXYPOSTDATA '1 x ");
@@ -270,8 +246,7 @@ TEST(AssociativeArrayWriter, ImagesAndTheFlagsThatLeaveBulkyValuesOut) {
     EXPECT_STREQ(first, "1 '13 $RESPONSEBODY '0  ");
 }
 
-// Lookups allocate nothing; false lengths and counts reserve no more than the input holds (the pairs
-// read before the failure are kept).
+// Lookups allocate nothing; false lengths and counts reserve no more than the input holds.
 TEST(AssociativeArrayAllocation, LookupsAllocateNothingFalseLengthsReserveNothing) {
     CAssociativeArray record;
     record.AddArrayCouple("Item", 5L, 3);
@@ -296,21 +271,14 @@ std::string hubDump(char const* from, Args... args) {
 }
 
 TEST(HubDump, TextFormWithTheSenderFirstOrNullForAMissingValue) {
-    EXPECT_EQ(hubDump("agent", "mode", "fast"), "2 '5 $FROM '5 agent '4 mode '4 fast");
-    EXPECT_EQ(hubDump(""), "1 '5 $FROM '0 ");
     std::string const longValue(10000, 'v');
-    EXPECT_EQ(hubDump("s", "long", longValue.c_str()), "2 '5 $FROM '1 s '4 long '10000 " + longValue);
+    EXPECT_EQ(hubDump("agent", "mode", longValue.c_str()), "2 '5 $FROM '5 agent '4 mode '10000 " + longValue);
+    EXPECT_EQ(hubDump(""), "1 '5 $FROM '0 ");
     testing::internal::CaptureStdout();
     EXPECT_EQ(hubDump("agent", "a", "1", "broken", kEnd), "<null>");
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
     EXPECT_EQ(hubDump(static_cast<char const*>(nullptr), "k", "v"), "<null>");
     FreeHubDumpArray(nullptr);
-    // It reads back as the same pairs plus the sender.
-    std::string const awkward = "quote ' apostrophe '5 digits\t tab";
-    std::string const text = hubDump("agent@host7", "mode", "fast", "empty", "", "", "no key", "odd", awkward.c_str());
-    CAssociativeArray record(8);
-    record.FromStringZTS(text.c_str());
-    EXPECT_EQ(pairsOf(record), "=no key\n$FROM=agent@host7\nempty=\nmode=fast\nodd=" + awkward + "\n");
 }
 
 std::string readOk(std::string const& text) {
@@ -385,8 +353,7 @@ TEST(AssociativeArrayReader, SyntaxErrorsCarryTheWholeInputAndAreLoggedTwice) {
                                               "Illegal associative array syntax: Error", "14\t1 '2 ab '30 xy"}));
 }
 
-// What gParseInt reads (or "refused") and how far it moves the cursor: past the blank even when the
-// number is then refused.
+// What gParseInt reads and how far it moves the cursor: past the blank even when it refuses the number.
 TEST(AssociativeArrayReader, ParseIntStep) {
     Texts results;
     for (char const* text : {"12x rest", "-5 ", "0 ", "000000000000000001 ", "99999999999999 ", "-99999999999999 ",
@@ -422,49 +389,15 @@ TEST(AssociativeArrayReader, LoadStringStep) {
     delete[] buffer;
 }
 
-// 2048 keys of 88 bytes that share one RWCString::hash(), which is FNV-1a without a key (hosts may
-// rely on its value): two blocks that collide from the same state collide whatever follows, so a
-// colliding pair of 8-letter blocks (found by the birthday bound) per stage doubles the keys. Read
-// into a record (a table half full) they must spread as random keys do, about 1.5 slots visited per
-// key, not a number growing with the square of the keys that share a hash.
-TEST(AssociativeArrayReader, KeysChosenToCollideSpreadLikeRandomKeys) {
-    std::mt19937 random(20240612u);
-    std::vector<std::string> keys{""};
-    for (uint32_t state = 2166136261u; keys.size() < 2048;) {
-        std::unordered_map<uint32_t, std::string> seen;
-        for (bool found = false; !found;) {
-            std::string block(8, 'a');
-            for (char& c : block) c = static_cast<char>('a' + random() % 26);
-            uint32_t after = state;
-            for (unsigned char c : block) after = (after ^ c) * 16777619u;
-            auto const [other, added] = seen.emplace(after, block);
-            if ((found = !added && other->second != block)) {
-                std::vector<std::string> doubled;
-                for (std::string const& key : keys) doubled.insert(doubled.end(), {key + other->second, key + block});
-                keys.swap(doubled);
-                state = after;
-            }
-        }
-    }
-    std::string text = "2048";
-    for (std::string const& key : keys) text += " '88 " + key + " '1 v";
-    CAssociativeArray flooded;
-    flooded.FromStringZ1(text + " ");
-    ASSERT_EQ(RWCString(keys[0].c_str()).hash(), RWCString(keys[2047].c_str()).hash());
-    ASSERT_EQ(flooded.entries(), 2048u);
-    EXPECT_LT(flooded.probeCount(), 3 * 2048u);
-}
-
-// What the current converter makes of the text, or "failed".
-std::string x1(char const* text, int length, unsigned to = 65001, unsigned from = 1252) {
+// What the converter of `mode` (2, the current one) makes of the text; "failed:" and what is left in `out`.
+std::string convert(char const* text, int length, int mode = 2, unsigned to = 65001, unsigned from = 1252) {
     RWCString out("stale");
-    return gConvertX1_patch(from, to, text, length, out) ? out.stdString() : "failed";
+    return gConvert_patch(mode, from, to, text, length, out) ? out.stdString() : "failed:" + out.stdString();
 }
-std::string x1(std::string const& text) { return x1(text.data(), static_cast<int>(text.size())); }
+std::string x1(std::string const& text) { return convert(text.data(), static_cast<int>(text.size())); }
 
 TEST(AssociativeArrayConvert, ValuesAreConvertedAndLengthsRewritten) {
-    // Keys stay; plain text is a leaf, up to its first NUL; a form that does not parse (a false value
-    // length, a false key length) is a leaf as a whole.
+    // Keys stay; plain text is a leaf up to its NUL, and so is a form that does not parse as a whole.
     for (auto const& [text, converted] : {std::pair{"2 '1 \xe9 '1 \xe9 '1 e '0  "s, "2 '1 \xe9 '2 \xc3\xa9 '1 e '0  "s},
                                           {"abc \xe9", "abc \xc3\xa9"},
                                           {"\xe9\0z"s, "\xc3\xa9"},
@@ -472,14 +405,13 @@ TEST(AssociativeArrayConvert, ValuesAreConvertedAndLengthsRewritten) {
                                           {"1 '1 k '9 \xe9 ", "1 '1 k '9 \xc3\xa9 "},
                                           {"1 '99 '1 \xe9 ", "1 '99 '1 \xc3\xa9 "}})
         EXPECT_EQ(x1(text), converted);
-    EXPECT_EQ(x1("1 '1 k '2 \xc3\xa9 ", -1, 1252, 65001), "1 '1 k '1 \xe9 ");
-    EXPECT_EQ(x1("\xe9", 0), "");           // a length of 0 is no text
-    EXPECT_EQ(x1("\xe9", -1), "\xc3\xa9");  // -1: up to the NUL
-    EXPECT_EQ(x1(nullptr, 4), "failed");
-    EXPECT_EQ(x1("plain", -1, 4242), "failed");  // an unknown code page fails the leaf conversions
-    EXPECT_EQ(x1("1 '1 k '1 v ", -1, 4242), "failed");
-    RWCString out;
-    EXPECT_FALSE(gConvertOld_patch(1252, 65001, nullptr, out));
+    EXPECT_EQ(convert("1 '1 k '2 \xc3\xa9 ", -1, 2, 1252, 65001), "1 '1 k '1 \xe9 ");
+    EXPECT_EQ(convert("\xe9", 0), "");           // a length of 0 is no text
+    EXPECT_EQ(convert("\xe9", -1), "\xc3\xa9");  // -1: up to the NUL
+    // An unknown code page fails the leaf conversions; a form is still written, the failed value empty.
+    EXPECT_EQ(convert("plain", -1, 2, 4242), "failed:");
+    EXPECT_EQ(convert("1 '1 k '1 v ", -1, 2, 4242), "failed:1 '1 k '0  ");
+    for (int mode : {0, 1, 2}) EXPECT_EQ(convert(nullptr, 4, mode), "failed:stale");
 }
 
 TEST(AssociativeArrayConvert, PlainTextAndNegativeCountsAreLogged) {
@@ -498,17 +430,13 @@ TEST(AssociativeArrayConvert, PlainTextAndNegativeCountsAreLogged) {
 
 TEST(AssociativeArrayConvert, OldConverterCutsAtNulAndUnknownModesFail) {
     nTagScope::ErrorRecords errors;
-    RWCString out;
-    // The text itself ends at the NUL: the cut text is no form, so a leaf.
-    EXPECT_TRUE(gConvertOld_patch(1252, 65001, "1 '3 k\0x '3 \xe9\0b ", out));
-    EXPECT_EQ(out.stdString(), "1 '3 k");
-    // A count below one gives no pairs and no record.
-    EXPECT_TRUE(gConvertOld_patch(1252, 65001, "-2 '1 a '1 b ", out));
-    EXPECT_EQ(out.stdString(), "-2 ");
+    // The old converter's text ends at the NUL (the cut text is no form, so a leaf); a count below one
+    // gives no pairs and no record.
+    EXPECT_EQ(convert("1 '3 k\0x '3 \xe9\0b ", 99, 1), "1 '3 k");
+    EXPECT_EQ(convert("-2 '1 a '1 b ", 13, 1), "-2 ");
     EXPECT_EQ(errors.total(), 0u);
     // An unknown mode fails with an empty Error record and leaves `out` as it was.
-    EXPECT_FALSE(gConvert_patch(-1, 1252, 65001, "1 '1 k '1 v ", -1, out));
-    EXPECT_EQ(out.stdString(), "-2 ");
+    EXPECT_EQ(convert("1 '1 k '1 v ", -1, -1), "failed:stale");
     EXPECT_EQ(texts(errors.records()), Texts{""});
 }
 
@@ -539,14 +467,9 @@ TEST(AssociativeArrayConvert, DepthLimitConvertsDeepValuesAsLeaves) {
     EXPECT_EQ(x1(deep), deep);
 }
 
-}  // namespace
-
 #else
 
-namespace {
-
-// A key and a value holding a NUL, a non-ASCII key, a plain value and a nested text form; and a
-// text form given a length (5) that ends before its NUL does.
+// A key and a value holding a NUL, a non-ASCII key, a plain value, a nested form; a length (5) short of the NUL.
 std::string const kText = "3 '3 k\0x '3 \xe9\0b '1 \xe9 '5 h\xe9llo '1 n '12 1 '1 \xe9 '1 \xe9  "s;
 char const kShort[] = "1 '1 k '1 \xe9 ";
 
@@ -562,8 +485,7 @@ struct Mode {
      kText + " | k=\xe9\0b\nn=1 '1 \xe9 '1 \xe9 \n\xe9=h\xe9llo\n"s,
      "1 '1  | throws",
      {}},
-    // 1, the old converter, reads up to the first NUL whatever the length: kText ends inside its
-    // first key, so it is no form but plain text (converted, then refused by the reader).
+    // 1, the old converter, reads up to the NUL whatever the length: kText, cut in its first key, is a leaf.
     {"; the old converter\nColloquyAnsiConversion_patch = 1 ; old\n",
      "3 '3 k | throws",
      "1 '1 k '2 \xc3\xa9  | k=\xc3\xa9\n",
@@ -641,6 +563,6 @@ TEST(ConversionMode, TheSwitchIsReadOnce) {
     EXPECT_EQ(gColloquyAnsiConversion__patch(), CONVERT_MODE);  // ...the process keeps its mode
 }
 
-}  // namespace
-
 #endif
+
+}  // namespace

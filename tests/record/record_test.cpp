@@ -489,7 +489,8 @@ struct Mode {
      {kIllegal, "6\t3 '3 k"}},
     // 2, the current converter, keeps keys whole and logs a negative count; "2abc" reads as 2.
     {"[Colloquy]\nColloquyAnsiConversion_patch=2abc\n",
-     "3 '3 k\0x '2 \xc3\xa9 '1 \xe9 '6 h\xc3\xa9llo '1 n '13 1 '1 \xe9 '2 \xc3\xa9   | k=\xc3\xa9\nn=1 '1 \xe9 '2 \xc3\xa9 \n\xe9=h\xc3\xa9llo\n"s,
+     "3 '3 k\0x '2 \xc3\xa9 '1 \xe9 '6 h\xc3\xa9llo '1 n '13 1 '1 \xe9 '2 \xc3\xa9   | "
+     "k=\xc3\xa9\nn=1 '1 \xe9 '2 \xc3\xa9 \n\xe9=h\xc3\xa9llo\n"s,
      "1 '1  | throws",
      {"Negative number of arguments: \t-2\t input : \t'1 a '1 b "}},
     // 7, unknown, converts nothing; FromStringConvert then reads the empty text, no form.

@@ -382,7 +382,8 @@ TEST(AssociativeArrayReader, LoadStringStep) {
     EXPECT_EQ(out.stdString() + std::to_string(size), "2000");
     EXPECT_EQ(cursor, text.data() + text.size());
     EXPECT_EQ(failureOf([&] { gLoadString("3 abc rest", buffer, size, out); }), "3 abc rest");  // the rest of the text
-    EXPECT_EQ(failureOf([&] { gLoadString("'-1 x ", buffer, size, out); }), "Error");
+    for (char const* bad : {"'-1 x ", "'x y "})
+        EXPECT_EQ(failureOf([&] { gLoadString(bad, buffer, size, out); }), "Error");
     delete[] buffer;
 }
 

@@ -239,8 +239,9 @@ TEST(AssociativeArrayWriter, ImagesAndTheFlagsThatLeaveBulkyValuesOut) {
     EXPECT_EQ(image("big", big, false, false), "1 '3 big '10000 " + big + " ");
     // Each call rewrites the cache: a pointer from an earlier call shows the latest text.
     CAssociativeArray one;
-    one.AddCouple("$RESPONSEBODY", "hello");
+    one.AddCouple("$RESPONSEBODY", "hello!");
     char const* const first = one.ToString(false, false);
+    EXPECT_EQ(one.ToString(false, false), first);  // as long again (30 bytes): written over the same text
     EXPECT_EQ(one.ToString(true, false), first);
     EXPECT_STREQ(first, "1 '13 $RESPONSEBODY '0  ");
 }

@@ -1,4 +1,4 @@
-// Helpers of the stream tests: a raw POSIX peer, connected pairs, received messages, bounded
+// Helpers of the stream tests: a raw POSIX peer, a connected pair, received messages, bounded
 // waits, a signal disposition for one scope and a watchdog.
 #ifndef COLLOQUY_STREAMTEST_H
 #define COLLOQUY_STREAMTEST_H
@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -20,7 +19,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdint>
 #include <memory>
 #include <string>
 #include <thread>
@@ -76,15 +74,13 @@ class RawFd {
     int mFd;
 };
 
-// True when `fd` becomes readable within kPatience (signals do not end the wait).
+// True when `fd` becomes readable within kPatience.
 inline bool readable(int fd) {
-    auto const end = std::chrono::steady_clock::now() + kPatience.chrono();
-    for (;;) {
-        auto const left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-        pollfd p{fd, POLLIN, 0};
-        int const rc = ::poll(&p, 1, static_cast<int>(std::max<int64_t>(left.count(), 0)));
-        if (rc >= 0 || errno != EINTR) return rc == 1;
+    pollfd p{fd, POLLIN, 0};
+    int rc = 0;
+    while ((rc = ::poll(&p, 1, static_cast<int>(kPatience.milliseconds()))) < 0 && errno == EINTR) {
     }
+    return rc == 1;
 }
 
 inline void rawSend(RawFd const& fd, Bytes const& bytes) {
@@ -139,18 +135,6 @@ struct RawPeerPair {
     RawFd peer;
 };
 
-// Two StreamSockets connected through a listener of the library.
-struct StreamPair {
-    StreamPair() {
-        listener.CreateListenerSocket(0);
-        client.ConnectLocal(nSock::gLocalPort(listener.GetHandle()), boundedOptions());
-        server = std::make_unique<StreamSocket>(listener.Accept(boundedOptions()));
-    }
-    StreamSocket listener;
-    StreamSocket client;
-    std::unique_ptr<StreamSocket> server;
-};
-
 // One message received with WaitTypedMessageZ1. The outputs start with marker values so that an
 // untouched output shows; a body is released at the end.
 struct Received {
@@ -161,15 +145,12 @@ struct Received {
     }
     Received(Received const&) = delete;
     std::string body() const { return ok && length > 0 ? std::string(data, static_cast<size_t>(length)) : ""; }
-    bool untouched() const { return type == 111 && subType == 222 && data == sentinel() && length == 333; }
-    static char* sentinel() {
-        static char marker[1];
-        return marker;
-    }
+    bool untouched() const { return type == 111 && subType == 222 && data == sentinel && length == 333; }
+    static inline char sentinel[1] = {};
 
     short type = 111;
     short subType = 222;
-    char* data = sentinel();
+    char* data = sentinel;
     int length = 333;
     bool const ok;
 };

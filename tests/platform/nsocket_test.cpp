@@ -199,27 +199,21 @@ bool waitOn(Wait wait, nSock::cHandleValid const& h) {
 TEST(SocketLayer, ClosingFromAnotherThreadEndsTheWaitAndReleasesAfterIt) {
     Watchdog watchdog(240);
     nSock::cHandleValid listener = nSock::gCreateListener(0);
-    struct Case {
-        Wait wait;
-        int rounds;
-        size_t partial;  // bytes the peer sends first, fewer than the receive waits for
-    } const cases[] = {{kSmallReceive, 1500, 5},
-                       {kLargeReceive, 1500, 70000},
-                       {kSend, 50, 0},
-                       {kGatheredSend, 50, 0},
-                       {kAccept, 200, 0}};
-    for (Case const& c : cases) {
-        SCOPED_TRACE(c.wait);
-        for (int round = 0; round < c.rounds && !HasFailure(); ++round) {
+    for (Wait wait : {kSmallReceive, kLargeReceive, kSend, kGatheredSend, kAccept}) {
+        SCOPED_TRACE(wait);
+        int const rounds = wait <= kLargeReceive ? 1500 : wait == kAccept ? 200 : 50;
+        // Bytes the peer sends first, fewer than the receive waits for.
+        size_t const partial = wait == kSmallReceive ? 5 : wait == kLargeReceive ? 70000 : 0;
+        for (int round = 0; round < rounds && !HasFailure(); ++round) {
             nSock::cHandleOptional peer;  // the other end of the connection
-            if (c.wait != kAccept) peer = nSock::gCreateConnectedLocal(nSock::gLocalPort(listener), boundedOptions());
+            if (wait != kAccept) peer = nSock::gCreateConnectedLocal(nSock::gLocalPort(listener), boundedOptions());
             nSock::cHandleValid const target =
-                c.wait == kAccept ? nSock::gCreateListener(0) : nSock::gAccept(listener, boundedOptions());
+                wait == kAccept ? nSock::gCreateListener(0) : nSock::gAccept(listener, boundedOptions());
             int const fd = target.descriptor();
-            std::vector<char> const bytes(c.partial, 'p');
-            ASSERT_TRUE(c.partial == 0 || nSock::gSend(nSock::gValidate(peer), int(c.partial), bytes.data()));
+            std::vector<char> const bytes(partial, 'p');
+            ASSERT_TRUE(partial == 0 || nSock::gSend(nSock::gValidate(peer), int(partial), bytes.data()));
             std::atomic<bool> succeeded{true};
-            std::thread waiter([&] { succeeded = waitOn(c.wait, target); });
+            std::thread waiter([&] { succeeded = waitOn(wait, target); });
             // Close at once, after a yield or after a pause: before, during and after the wait begins.
             if (round % 3 == 1) std::this_thread::yield();
             if (round % 3 == 2) std::this_thread::sleep_for(std::chrono::microseconds(200));

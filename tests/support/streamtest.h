@@ -3,8 +3,6 @@
 #ifndef COLLOQUY_STREAMTEST_H
 #define COLLOQUY_STREAMTEST_H
 
-#include "Log.h"
-#include "nsocket.h"
 #include "streamsocket.h"
 #include "tagscope.h"
 
@@ -148,8 +146,7 @@ struct Received {
     bool untouched() const { return type == 111 && subType == 222 && data == sentinel && length == 333; }
     static inline char sentinel[1] = {};
 
-    short type = 111;
-    short subType = 222;
+    short type = 111, subType = 222;
     char* data = sentinel;
     int length = 333;
     bool const ok;

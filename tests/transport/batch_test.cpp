@@ -1,11 +1,13 @@
-// Batches of typed messages: their wire image against one send per message, short writes and
-// signals inside headers and bodies, a peer that closes part-way, a long run in order.
+// Sending: one message in one system call, and batches of messages: their wire image against one
+// send per message, short writes and signals inside headers and bodies, a peer that closes
+// part-way, a long run in order.
 #include "streamtest.h"
 
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <sys/wait.h>
 
+#include <climits>
 #include <cstring>
 #include <deque>
 #include <string>
@@ -17,13 +19,19 @@ namespace {
 // The steps of the test thread's next sendmsg calls: a count passes at most that many bytes,
 // kInterrupt fails with EINTR, kAwaitReset waits until the peer has reset the connection and
 // passes; calls beyond them pass.
-constexpr long kPass = 1L << 40, kInterrupt = -1, kAwaitReset = -2;
+constexpr long kPass = LONG_MAX, kInterrupt = -1, kAwaitReset = -2;
 thread_local std::deque<long> tScript;
-thread_local int tCalls = 0;
+thread_local int tCalls = 0;  // send and sendmsg calls
 
 }  // namespace
 
-// This program's own sendmsg, which the libraries resolve here: it plays the script.
+// This program's own send, counted: the libraries resolve it here.
+extern "C" __attribute__((visibility("default"))) ssize_t send(int fd, void const* buffer, size_t size, int flags) {
+    ++tCalls;
+    return syscall(SYS_sendto, fd, buffer, size, flags, nullptr, 0);
+}
+
+// This program's own sendmsg, counted, which plays the script.
 extern "C" __attribute__((visibility("default"))) ssize_t sendmsg(int fd, msghdr const* message, int flags) {
     ++tCalls;
     long const step = tScript.empty() ? kPass : tScript.front();
@@ -50,19 +58,6 @@ struct Message {
     std::string body;
 };
 
-// The wire image of `messages`: each header, then its body.
-Bytes imageOf(std::vector<Message> const& messages) {
-    Bytes image;
-    for (Message const& m : messages) {
-        c_MessageHeader header;
-        SSMMakeMessageHeader(static_cast<long>(m.body.size()), m.type, m.subType, &header);
-        image.insert(image.end(), reinterpret_cast<unsigned char*>(&header),
-                     reinterpret_cast<unsigned char*>(&header + 1));
-        image.insert(image.end(), m.body.begin(), m.body.end());
-    }
-    return image;
-}
-
 // `count` messages of `size` bytes, each body and type different.
 std::vector<Message> numbered(int count, size_t size) {
     std::vector<Message> messages;
@@ -71,6 +66,45 @@ std::vector<Message> numbered(int count, size_t size) {
         for (size_t k = 0; k < size; ++k) messages.back().body[k] = static_cast<char>(i * 7 + k);
     }
     return messages;
+}
+
+// Each message leaves as one wire image in one send call, after an entry trace; a missing body
+// or a negative length is reported on the Error tag and the stream stays framed.
+TEST(StreamSocket, SendsHeaderAndBodyAsOneWireImage) {
+    struct Case {
+        char const* what;
+        short type, subType;
+        char const* body;
+        int length;
+        Bytes image;
+        size_t errors;
+    } const cases[] = {
+        {"binary body", -2, 0x1234, "\0\xff", 2, {0, 0, 0, 2, 0xFF, 0xFE, 0x12, 0x34, 0, 0xFF}, 0},
+        {"no body", 1, 2, nullptr, 0, {0, 0, 0, 0, 0, 1, 0, 2}, 1},
+        // The header shortened to nothing: no bytes, no system call.
+        {"length -8", 1, 2, "x", -8, {}, 1},
+        // The (shortened) header still goes out.
+        {"negative length", 1, 2, "x", -1, {0xFF, 0xFF, 0xFF, 0xFF, 0, 1, 0}, 1},
+        // Zero bytes stand for the missing body.
+        {"missing body of positive length", 3, 4, nullptr, 2, {0, 0, 0, 2, 0, 3, 0, 4, 0, 0}, 2},
+    };
+    RawPeerPair pair;
+    TagScope trace("ColloquyT", true);
+    TagScope error("Error", true);
+    for (Case const& c : cases) {
+        SCOPED_TRACE(c.what);
+        nLog::cCapture capture;
+        tCalls = 0;
+        ASSERT_TRUE(pair.socket.SendTypedMessageZ2(c.type, c.subType, c.body, c.length));
+        EXPECT_EQ(tCalls, c.image.empty() ? 0 : 1);
+        EXPECT_EQ(rawReceive(pair.peer, c.image.size()), c.image);
+        ASSERT_EQ(capture.records().size(), 1 + c.errors);
+        for (auto const& r : capture.records())
+            EXPECT_TRUE(r.tag == (&r == &capture.records()[0] ? "ColloquyT" : "Error") &&
+                        r.file == "../src/streamsocket" && r.text == "")
+                << r.tag << r.file << r.text;
+    }
+    EXPECT_THROW(pair.socket.SendTypedMessageZ2(1, 2, "x", -9), std::bad_array_new_length);
 }
 
 // A batch goes out as the bytes of the same messages sent one at a time, in as many calls as its
@@ -111,7 +145,8 @@ TEST(MessageBatch, SendsTheBytesOfOneSendPerMessage) {
     };
     for (Case const& c : cases) {
         SCOPED_TRACE(c.what);
-        size_t const size = imageOf(c.messages).size();
+        size_t size = 0;  // of the wire image
+        for (Message const& m : c.messages) size += 8 + m.body.size();
         cTypedMessageBatch batch;
         for (Message const& m : c.messages)
             ASSERT_TRUE(batch.Add(m.type, m.subType, m.body.data(), static_cast<int>(m.body.size())));
@@ -150,8 +185,7 @@ TEST(MessageBatch, RefusesANegativeLengthAndAMissingBody) {
     EXPECT_EQ(errors.count("streamsocket"), 2u);
     EXPECT_EQ(batch.Count(), 2);
     ASSERT_TRUE(pair.socket.SendTypedMessageBatch(batch));
-    Bytes const image = imageOf({{1, 1, "a"}, {2, 2, ""}});
-    EXPECT_EQ(rawReceive(pair.peer, image.size()), image);
+    EXPECT_EQ(rawReceive(pair.peer, 17), (Bytes{0, 0, 0, 1, 0, 1, 0, 1, 'a', 0, 0, 0, 0, 0, 2, 0, 2}));
     batch.Clear();
     EXPECT_EQ(batch.Count(), 0);
     tCalls = 0;

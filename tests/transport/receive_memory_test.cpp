@@ -89,11 +89,8 @@ TEST(StreamSocketReceive, BodyMemoryFollowsTheBytesReceived) {
             std::string const wire = headerOf(0, 5) + headerOf(c.announced, 1).substr(0, c.headerBytes) + body +
                                      (c.end == kStays ? headerOf(1, 3) + "z" : "");
             std::thread peer([&] {
-                for (size_t done = 0; done < wire.size();) {
-                    ssize_t const n = ::send(pair.peer.get(), wire.data() + done, wire.size() - done, MSG_NOSIGNAL);
-                    if (n <= 0) break;
-                    done += static_cast<size_t>(n);
-                }
+                // A blocking send: all of it, or less when the receiver closes first.
+                ::send(pair.peer.get(), wire.data(), wire.size(), MSG_NOSIGNAL);
                 if (c.end == kCloses) ::shutdown(pair.peer.get(), SHUT_WR);
                 if (c.end == kResets) pair.peer.abort();
             });
@@ -117,8 +114,7 @@ TEST(StreamSocketReceive, BodyMemoryFollowsTheBytesReceived) {
             EXPECT_EQ(ok, c.ok);
             if (!into) std::tie(type, subType) = std::tie(got->type, got->subType);
             std::string const received = into ? std::string(buffer.begin(), buffer.end()) : got->body();
-            EXPECT_TRUE(ok ? type == 1 && subType == 2 && received == body &&
-                                 (into || got->length == static_cast<int>(c.sent))
+            EXPECT_TRUE(ok ? type == 1 && subType == 2 && received == body
                            : type == 111 && subType == 222 && (into || got->untouched()));
             char const* const kept = buffer.data();
             if (c.ok || static_cast<int32_t>(c.announced) < 0) {  // the stream keeps its place

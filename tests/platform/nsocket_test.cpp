@@ -227,6 +227,17 @@ TEST(SocketLayer, ClosingFromAnotherThreadEndsTheWaitAndReleasesAfterIt) {
             nSock::gDelete(peer);
         }
     }
+    // The descriptor number of a closed handle passes to a new socket, which the end of the
+    // handle's last copy leaves open.
+    RawFd reused;
+    {
+        nSock::cHandleValid const closed = nSock::gCreateListener(0);
+        int const fd = closed.descriptor();
+        EXPECT_TRUE(nSock::gClose(closed));
+        reused.reset(::socket(AF_INET, SOCK_STREAM, 0));
+        ASSERT_EQ(reused.get(), fd);
+    }
+    EXPECT_NE(::fcntl(reused.get(), F_GETFD), -1);
 }
 
 }  // namespace

@@ -17,7 +17,16 @@
 using namespace nStreamTest;
 
 namespace {
-thread_local bool tNoIPv6 = false;  // the calling thread's system has no IPv6
+thread_local bool tNoIPv6 = false;            // the calling thread's system has no IPv6
+thread_local std::vector<int> tAcceptErrors;  // the errors of its next accept4 calls
+}  // namespace
+
+// This program's own accept4: it fails with the calling thread's errors first.
+extern "C" __attribute__((visibility("default"))) int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
+    if (tAcceptErrors.empty()) return static_cast<int>(syscall(SYS_accept4, fd, address, length, flags));
+    errno = tAcceptErrors.back();
+    tAcceptErrors.pop_back();
+    return -1;
 }
 
 // This program's own socket, which the libraries resolve here.
@@ -67,7 +76,9 @@ TEST(SocketLayer, ConnectsByAddressNameAndIPv6AndReportsFailuresWithHostPortAndE
         for (std::string const& host : hosts) {
             SCOPED_TRACE(host + (noIPv6 ? " without IPv6" : ""));
             nSock::cHandleValid client = nSock::gCreateConnected(host, port, nSock::cSocketOptions());
+            tAcceptErrors = {EINTR, ECONNABORTED, EAGAIN};  // a signal, a connection reset while queued
             nSock::cHandleValid server = nSock::gAccept(listener, boundedOptions());
+            EXPECT_TRUE(tAcceptErrors.empty());
             EXPECT_EQ(nSock::gLocalPort(server), port);
             EXPECT_TRUE(nSock::gSend(client, 5, "hello"));
             char got[5];

@@ -180,6 +180,10 @@ TEST(MessageBatch, RefusesANegativeLengthAndAMissingBody) {
     EXPECT_TRUE(batch.Add(2, 2, nullptr, 0));
     EXPECT_EQ(errors.count("streamsocket"), 2u);
     EXPECT_EQ(batch.Count(), 2);
+    tScript = {0};  // a system that takes nothing: an error, not an endless loop
+    EXPECT_FALSE(pair.socket.SendTypedMessageBatch(batch));
+    EXPECT_EQ(errors.records().back().text,
+              "StreamSocket:SendTypedMessageBatch\t0\t2\t" + std::string(std::strerror(EIO)));
     ASSERT_TRUE(pair.socket.SendTypedMessageBatch(batch));
     EXPECT_EQ(rawReceive(pair.peer, 17), (Bytes{0, 0, 0, 1, 0, 1, 0, 1, 'a', 0, 0, 0, 0, 0, 2, 0, 2}));
 }

@@ -1,28 +1,26 @@
-// Helpers of the stream tests: a raw POSIX peer, connected pairs, received messages, bounded
-// waits and a watchdog.
+// Helpers of the stream tests: a raw POSIX peer, a connected pair, received messages, bounded
+// waits, a signal disposition for one scope and a watchdog.
 #ifndef COLLOQUY_STREAMTEST_H
 #define COLLOQUY_STREAMTEST_H
 
-#include "Log.h"
-#include "nsocket.h"
 #include "streamsocket.h"
 #include "tagscope.h"
 
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdint>
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace nStreamTest {
@@ -39,7 +37,6 @@ inline nSock::cSocketOptions boundedOptions(nTime::cDiff limit = kPatience) {
     return options;
 }
 
-// The latency configuration of the tests: kPatience for every receive.
 inline nSock::iLatencyConfiguration* patience() {
     static nSock::cFixedLatencyConfiguration latency(kPatience);
     return &latency;
@@ -54,17 +51,10 @@ class RawFd {
   public:
     explicit RawFd(int fd = -1) : mFd(fd) {}
     ~RawFd() { reset(); }
-    RawFd(RawFd const&) = delete;
-    RawFd& operator=(RawFd const&) = delete;
-    RawFd(RawFd&& other) noexcept : mFd(other.release()) {}
+    RawFd(RawFd&& other) noexcept : mFd(std::exchange(other.mFd, -1)) {}
     RawFd& operator=(RawFd&& other) noexcept {
-        reset(other.release());
+        reset(std::exchange(other.mFd, -1));
         return *this;
-    }
-    int release() {
-        int const fd = mFd;
-        mFd = -1;
-        return fd;
     }
     int get() const { return mFd; }
     void reset(int fd = -1) {
@@ -82,23 +72,20 @@ class RawFd {
     int mFd;
 };
 
-// True when `fd` becomes readable within kPatience (signals do not end the wait).
+// True when `fd` becomes readable within kPatience.
 inline bool readable(int fd) {
-    auto const end = std::chrono::steady_clock::now() + kPatience.chrono();
-    for (;;) {
-        auto const left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-        pollfd p{fd, POLLIN, 0};
-        int const rc = ::poll(&p, 1, static_cast<int>(std::max<int64_t>(left.count(), 0)));
-        if (rc >= 0 || errno != EINTR) return rc == 1;
+    pollfd p{fd, POLLIN, 0};
+    int rc = 0;
+    while ((rc = ::poll(&p, 1, static_cast<int>(kPatience.milliseconds()))) < 0 && errno == EINTR) {
     }
+    return rc == 1;
 }
 
 inline void rawSend(RawFd const& fd, Bytes const& bytes) {
     ASSERT_EQ(::send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
 }
 
-// Reads exactly `count` bytes (each wait for more bounded by kPatience); fewer when the peer
-// ends the stream first. Signals do not end it.
+// Reads exactly `count` bytes (each wait bounded by kPatience), fewer when the stream ends first.
 inline Bytes rawReceive(RawFd const& fd, size_t count) {
     Bytes out(count);
     size_t done = 0;
@@ -127,16 +114,14 @@ inline RawFd rawListener(unsigned short& port) {
     return listener;
 }
 
-// The next connection on a raw listener, waited for within kPatience (-1 when none came).
+// The next connection on a raw listener, waited for within kPatience.
 inline RawFd rawAccept(RawFd const& listener) {
-    if (!readable(listener.get())) {
-        ADD_FAILURE() << "raw accept timed out";
-        return RawFd();
-    }
-    return RawFd(::accept(listener.get(), nullptr, nullptr));
+    if (readable(listener.get())) return RawFd(::accept(listener.get(), nullptr, nullptr));
+    ADD_FAILURE() << "raw accept timed out";
+    return RawFd();
 }
 
-// A StreamSocket connected to a raw POSIX peer through a raw loopback listener.
+// A StreamSocket connected to a raw POSIX peer.
 struct RawPeerPair {
     explicit RawPeerPair(nSock::cSocketOptions options = boundedOptions()) {
         unsigned short port = 0;
@@ -148,20 +133,8 @@ struct RawPeerPair {
     RawFd peer;
 };
 
-// Two StreamSockets connected through a listener of the library.
-struct StreamPair {
-    StreamPair() {
-        listener.CreateListenerSocket(0);
-        client.ConnectLocal(nSock::gLocalPort(listener.GetHandle()), boundedOptions());
-        server = std::make_unique<StreamSocket>(listener.Accept(boundedOptions()));
-    }
-    StreamSocket listener;
-    StreamSocket client;
-    std::unique_ptr<StreamSocket> server;
-};
-
-// One message received with WaitTypedMessageZ1. The outputs start with marker values (and
-// `data` at a sentinel) so that an untouched output shows; a body is released at the end.
+// One message received with WaitTypedMessageZ1. The outputs start with marker values so that an
+// untouched output shows; a body is released at the end.
 struct Received {
     explicit Received(StreamSocket& socket, nSock::iLatencyConfiguration* latency = patience())
         : ok(socket.WaitTypedMessageZ1(type, subType, data, length, latency)) {}
@@ -169,25 +142,31 @@ struct Received {
         if (ok && length > 0) StreamSocket::FreeMessage(data);
     }
     Received(Received const&) = delete;
-    Received& operator=(Received const&) = delete;
     std::string body() const { return ok && length > 0 ? std::string(data, static_cast<size_t>(length)) : ""; }
-    bool untouched() const { return type == 111 && subType == 222 && data == sentinel() && length == 333; }
-    static char* sentinel() {
-        static char marker[1];
-        return marker;
-    }
+    bool untouched() const { return type == 111 && subType == 222 && data == sentinel && length == 333; }
+    static inline char sentinel[1] = {};
 
-    short type = 111;
-    short subType = 222;
-    char* data = sentinel();
+    short type = 111, subType = 222;
+    char* data = sentinel;
     int length = 333;
     bool const ok;
 };
 
-// Ends the process (SIGALRM) when a test runs longer than its bound: a hang would otherwise
-// only be caught by the test driver's time-out.
+// The disposition of a signal for one scope.
+struct SignalScope {
+    SignalScope(int signal, void (*handler)(int)) : number(signal) {
+        struct sigaction action {};
+        action.sa_handler = handler;  // no SA_RESTART: interrupted system calls return EINTR
+        EXPECT_EQ(::sigaction(signal, &action, &previous), 0);
+    }
+    ~SignalScope() { ::sigaction(number, &previous, nullptr); }
+    int number;
+    struct sigaction previous {};
+};
+
+// Ends the process (SIGALRM) when a test runs longer than its bound, instead of a hang.
 struct Watchdog {
-    explicit Watchdog(std::chrono::seconds bound) { ::alarm(static_cast<unsigned>(bound.count())); }
+    explicit Watchdog(unsigned seconds) { ::alarm(seconds); }
     ~Watchdog() { ::alarm(0); }
 };
 

@@ -1,5 +1,6 @@
-// Memory of a received body: a header alone cannot make the receiver reserve what it announces,
-// a connection may refuse bodies above a maximum, and a failed allocation is a failed receive.
+// Receiving a message, into a new body or into the caller's buffer: bodies of every size, a
+// header alone cannot make the receiver reserve what it announces, a connection may refuse bodies
+// above a maximum, a failed allocation is a failed receive, failures leave the outputs untouched.
 #include "streamtest.h"
 
 #include <cstdlib>
@@ -7,6 +8,7 @@
 #include <new>
 #include <optional>
 #include <string>
+#include <tuple>
 
 using namespace nStreamTest;
 
@@ -15,29 +17,21 @@ namespace {
 // Allocations of the current thread while counting: the largest asked for, and a size from
 // which they fail (0: none fail).
 thread_local bool tCounting = false;
-thread_local size_t tLargest = 0;
-thread_local size_t tFailFrom = 0;
+thread_local size_t tLargest = 0, tFailFrom = 0;
 
-bool refused(size_t size) {
-    if (!tCounting) return false;
-    if (size > tLargest) tLargest = size;
-    return tFailFrom != 0 && size >= tFailFrom;
+void* allocate(size_t size, bool nothrow) {
+    if (tCounting) tLargest = std::max(tLargest, size);
+    void* p = tCounting && tFailFrom != 0 && size >= tFailFrom ? nullptr : std::malloc(size ? size : 1);
+    if (p == nullptr && !nothrow) throw std::bad_alloc();
+    return p;
 }
-
-void* allocate(size_t size) {
-    if (refused(size)) throw std::bad_alloc();
-    if (void* p = std::malloc(size ? size : 1)) return p;
-    throw std::bad_alloc();
-}
-
-void* allocateOrNull(size_t size) noexcept { return refused(size) ? nullptr : std::malloc(size ? size : 1); }
 
 }  // namespace
 
-void* operator new(size_t size) { return allocate(size); }
-void* operator new[](size_t size) { return allocate(size); }
-void* operator new(size_t size, std::nothrow_t const&) noexcept { return allocateOrNull(size); }
-void* operator new[](size_t size, std::nothrow_t const&) noexcept { return allocateOrNull(size); }
+void* operator new(size_t size) { return allocate(size, false); }
+void* operator new[](size_t size) { return allocate(size, false); }
+void* operator new(size_t size, std::nothrow_t const&) noexcept { return allocate(size, true); }
+void* operator new[](size_t size, std::nothrow_t const&) noexcept { return allocate(size, true); }
 void operator delete(void* p) noexcept { std::free(p); }
 void operator delete[](void* p) noexcept { std::free(p); }
 void operator delete(void* p, size_t) noexcept { std::free(p); }
@@ -45,71 +39,92 @@ void operator delete[](void* p, size_t) noexcept { std::free(p); }
 
 namespace {
 
-// The header of a message of `length` bytes, type 1, subtype 2.
-std::string headerOf(uint32_t length) {
-    std::string header(8, '\0');
+// The header of a message of `length` bytes, of type `type` and subtype type + 1.
+std::string headerOf(uint32_t length, char type) {
     uint32_t const big = htonl(length);
-    std::memcpy(&header[0], &big, 4);
-    header[5] = 1;
-    header[7] = 2;
-    return header;
+    return std::string(reinterpret_cast<char const*>(&big), 4) + std::string{0, type, 0, char(type + 1)};
 }
 
-TEST(StreamSocketMemory, BodyMemoryFollowsTheBytesReceived) {
-    constexpr int kMiB = 1 << 20;
+TEST(StreamSocketReceive, BodyMemoryFollowsTheBytesReceived) {
+    constexpr size_t kMiB = 1 << 20;
+    enum End { kStays, kCloses, kResets };
     struct Case {
         char const* what;
         uint32_t announced;
-        size_t sent;  // body bytes sent; the peer closes after them when fewer than announced
-        std::optional<int> maxMessageSize;
-        size_t failFrom;  // allocations of this size or more fail (0: none)
+        size_t sent;  // body bytes sent, after which the peer does `end`
+        End end;
         bool ok;
         size_t errors;
-        size_t largestAtMost;  // allocation while receiving
+        size_t largest;          // the largest allocation while receiving, at most
+        size_t largestInto = 0;  // where the caller's vector grows further
+        std::optional<int> maxMessageSize = std::nullopt;
+        size_t failFrom = 0;     // allocations of this size or more fail (0: none)
+        size_t headerBytes = 8;  // of the header, sent
     } const cases[] = {
-        {"2 GiB announced, the peer closes after 10 bytes", 0x7fffffffu, 10, {}, 0, false, 0, kMiB},
-        {"3 MiB announced, 1.5 MiB arrive", 3 * kMiB, 3 * kMiB / 2, {}, 0, false, 0, 2 * kMiB},
-        {"a body that grows arrives whole", 3 * kMiB + 5, 3 * kMiB + 5, {}, 0, true, 0, 3 * kMiB + 5},
-        {"a body at the connection's maximum", 4096, 4096, 4096, 0, true, 0, 4096},
-        {"a body above the connection's maximum is not read", 4097, 4097, 4096, 0, false, 1, 4096},
-        {"the body cannot be allocated", 1000, 1000, {}, 1000, false, 1, 1000},
-        {"the growing body cannot be allocated", 3 * kMiB, 3 * kMiB, {}, 2 * kMiB, false, 1, 2 * kMiB},
+        {"empty body", 0, 0, kStays, true, 0, 0},
+        {"small body", 100, 100, kStays, true, 0, 100},
+        {"body beyond the read-ahead", 100000, 100000, kStays, true, 0, 100000},
+        {"a body that grows arrives whole", 3 * kMiB + 5, 3 * kMiB + 5, kStays, true, 0, 3 * kMiB + 5, 4 * kMiB},
+        {"negative length", 0x80000000u, 0, kStays, false, 0, 0},
+        {"2 GiB announced, the peer closes after 10 bytes", 0x7fffffffu, 10, kCloses, false, 0, kMiB},
+        {"3 MiB announced, 1.5 MiB arrive", 3 * kMiB, 3 * kMiB / 2, kCloses, false, 0, 2 * kMiB},
+        {"the peer closes inside the header", 4, 0, kCloses, false, 0, 0, 0, {}, 0, 3},
+        {"the peer resets inside the body", 4, 1, kResets, false, 0, 4},
+        {"a body at the connection's maximum", 4096, 4096, kStays, true, 0, 4096, 0, 4096},
+        {"a body above the connection's maximum is not read", 4097, 4097, kStays, false, 1, 4096, 0, 4096},
+        {"the body cannot be allocated", 1000, 1000, kStays, false, 1, 1000, 0, {}, 1000},
+        {"the growing body cannot be allocated", 3 * kMiB, 3 * kMiB, kStays, false, 1, 2 * kMiB, 0, {}, 2 * kMiB},
     };
-    Watchdog watchdog(std::chrono::seconds(60));
+    Watchdog watchdog(120);
     TagScope error("Error", true);
-    for (Case const& c : cases) {
-        SCOPED_TRACE(c.what);
-        nSock::cSocketOptions options = boundedOptions();
-        options.maxMessageSize = c.maxMessageSize;
-        RawPeerPair pair(options);
-        std::string body(c.sent, '\0');
-        for (size_t k = 0; k < body.size(); ++k) body[k] = static_cast<char>(k * 7 + k / 4093);
-        // An empty message first: its receive makes the connection's read buffer.
-        std::string const wire = headerOf(0) + headerOf(c.announced) + body;
-        std::thread peer([&] {
-            for (size_t done = 0; done < wire.size();) {
-                ssize_t const n = ::send(pair.peer.get(), wire.data() + done, wire.size() - done, MSG_NOSIGNAL);
-                if (n <= 0) break;
-                done += static_cast<size_t>(n);
+    for (Case const& c : cases)
+        for (bool into : {false, true}) {
+            SCOPED_TRACE(std::string(c.what) + (into ? ", into the caller's buffer" : ""));
+            nSock::cSocketOptions options = boundedOptions();
+            options.maxMessageSize = c.maxMessageSize;
+            RawPeerPair pair(options);
+            std::string body(c.sent, '\0');
+            for (size_t k = 0; k < body.size(); ++k) body[k] = static_cast<char>(k * 7 + k / 4093);
+            // An empty message first, whose receive makes the read buffer; a small one behind.
+            std::string const wire = headerOf(0, 5) + headerOf(c.announced, 1).substr(0, c.headerBytes) + body +
+                                     (c.end == kStays ? headerOf(1, 3) + "z" : "");
+            std::thread peer([&] {
+                // A blocking send: all of it, or less when the receiver closes first.
+                ::send(pair.peer.get(), wire.data(), wire.size(), MSG_NOSIGNAL);
+                if (c.end == kCloses) ::shutdown(pair.peer.get(), SHUT_WR);
+                if (c.end == kResets) pair.peer.abort();
+            });
+            {
+                Received const empty(pair.socket);  // leaves `data` as it was
+                EXPECT_TRUE(empty.ok && empty.type == 5 && empty.subType == 6 && empty.length == 0);
+                EXPECT_EQ(empty.data, Received::sentinel);
             }
-            if (c.sent < c.announced) ::shutdown(pair.peer.get(), SHUT_WR);
-        });
-        ASSERT_TRUE(Received(pair.socket).ok);
-        nLog::cCapture capture;
-        tLargest = 0;
-        tFailFrom = c.failFrom;
-        tCounting = true;
-        std::optional<Received> got;
-        EXPECT_NO_THROW(got.emplace(pair.socket));
-        tCounting = false;
-        pair.socket.CloseSocket();  // ends a peer that is still sending
-        peer.join();
-        ASSERT_TRUE(got);
-        EXPECT_EQ(got->ok, c.ok);
-        EXPECT_LE(tLargest, c.largestAtMost);
-        EXPECT_TRUE(c.ok ? got->length == static_cast<int>(c.announced) && got->body() == body : got->untouched());
-        EXPECT_EQ(capture.records().size(), c.errors);
-    }
+            nLog::cCapture capture;
+            short type = 111, subType = 222;
+            std::vector<char> buffer;
+            std::optional<Received> got;
+            tLargest = 0;
+            tFailFrom = c.failFrom;
+            tCounting = true;
+            bool const ok = into ? pair.socket.WaitTypedMessageInto(type, subType, buffer, patience())
+                                 : got.emplace(pair.socket).ok;
+            tCounting = false;
+            EXPECT_EQ(capture.records().size(), c.errors);
+            EXPECT_LE(tLargest, std::max(c.largest, into ? c.largestInto : 0));
+            EXPECT_EQ(ok, c.ok);
+            if (!into) std::tie(type, subType) = std::tie(got->type, got->subType);
+            std::string const received = into ? std::string(buffer.begin(), buffer.end()) : got->body();
+            EXPECT_TRUE(ok ? type == 1 && subType == 2 && received == body
+                           : type == 111 && subType == 222 && (into || got->untouched()));
+            char const* const kept = buffer.data();
+            if (c.ok || static_cast<int32_t>(c.announced) < 0) {  // the stream keeps its place
+                EXPECT_TRUE(pair.socket.WaitTypedMessageInto(type, subType, buffer, patience()) && type == 3 &&
+                            subType == 4 && buffer.size() == 1 && buffer[0] == 'z');
+                EXPECT_TRUE(!into || c.sent == 0 || buffer.data() == kept) << "the buffer was not kept";
+            }
+            pair.socket.CloseSocket();  // ends a peer that is still sending
+            peer.join();
+        }
 }
 
 }  // namespace

@@ -16,8 +16,10 @@
 #include <map>
 #include <memory>
 #include <new>
+#include <random>
 #include <sstream>
 #include <thread>
+#include <unordered_map>
 
 using namespace std::string_literals;
 using Texts = std::vector<std::string>;
@@ -386,6 +388,38 @@ TEST(AssociativeArrayReader, LoadStringStep) {
     for (char const* bad : {"'-1 x ", "'x y "})
         EXPECT_EQ(failureOf([&] { gLoadString(bad, buffer, size, out); }), "Error");
     delete[] buffer;
+}
+
+// 2048 keys of 88 bytes that share one RWCString::hash() (FNV-1a without a key, a value hosts may rely
+// on): blocks that collide from the same state collide whatever follows, so a colliding pair of
+// 8-letter blocks per stage doubles the keys. A record reading them must spread them as it does
+// random keys (about 1.5 slots visited per key), not in a time growing with their square.
+TEST(AssociativeArrayReader, KeysChosenToCollideSpreadLikeRandomKeys) {
+    std::mt19937 random(20240612u);
+    std::vector<std::string> keys{""};
+    for (uint32_t state = 2166136261u; keys.size() < 2048;) {
+        std::unordered_map<uint32_t, std::string> seen;
+        for (bool found = false; !found;) {
+            std::string block(8, 'a');
+            for (char& c : block) c = static_cast<char>('a' + random() % 26);
+            uint32_t after = state;
+            for (unsigned char c : block) after = (after ^ c) * 16777619u;
+            auto const [other, added] = seen.emplace(after, block);
+            if ((found = !added && other->second != block)) {
+                std::vector<std::string> doubled;
+                for (std::string const& key : keys) doubled.insert(doubled.end(), {key + other->second, key + block});
+                keys.swap(doubled);
+                state = after;
+            }
+        }
+    }
+    std::string text = "2048";
+    for (std::string const& key : keys) text += " '88 " + key + " '1 v";
+    CAssociativeArray flooded;
+    flooded.FromStringZ1(text + " ");
+    ASSERT_EQ(RWCString(keys[0].c_str()).hash(), RWCString(keys[2047].c_str()).hash());
+    ASSERT_EQ(flooded.entries(), 2048u);
+    EXPECT_LT(flooded.probeCount(), 3 * 2048u);
 }
 
 // What the converter of `mode` (2, the current one) makes of the text; "failed:" and what is left in `out`.

@@ -32,29 +32,24 @@
 
 namespace {
 
-std::vector<std::string> linesOf(std::istream& in) {
+// The lines of a file, or of a command's output when `command`; throws when either cannot be
+// read, so that a missing input never passes.
+std::vector<std::string> readLines(std::string const& source, bool command = false) {
+    std::stringstream text;
+    if (command) {
+        FILE* pipe = popen(source.c_str(), "r");
+        if (!pipe) throw std::runtime_error("cannot run " + source);
+        char buffer[4096];
+        while (size_t n = std::fread(buffer, 1, sizeof buffer, pipe)) text.write(buffer, n);
+        if (pclose(pipe) != 0) throw std::runtime_error("command failed: " + source);
+    } else if (std::ifstream in(source); in) {
+        text << in.rdbuf();
+    } else {
+        throw std::runtime_error("cannot read " + source);
+    }
     std::vector<std::string> lines;
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    for (std::string line; std::getline(text, line);) lines.push_back(line);
     return lines;
-}
-
-// The lines of a file or of a command's output; throws when either cannot be read, so that a
-// missing input never passes.
-std::vector<std::string> readLines(std::string const& path) {
-    std::ifstream in(path);
-    if (!in) throw std::runtime_error("cannot read " + path);
-    return linesOf(in);
-}
-
-std::vector<std::string> commandLines(std::string const& command) {
-    FILE* pipe = popen(command.c_str(), "r");
-    if (!pipe) throw std::runtime_error("cannot run " + command);
-    std::string output;
-    char buffer[4096];
-    while (size_t n = std::fread(buffer, 1, sizeof buffer, pipe)) output.append(buffer, n);
-    if (pclose(pipe) != 0) throw std::runtime_error("command failed: " + command);
-    std::istringstream in(output);
-    return linesOf(in);
 }
 
 std::string trim(std::string const& text) {
@@ -70,8 +65,6 @@ std::vector<std::string> listLines(char const* name) {
     return lines;
 }
 
-// ---- exported symbols ----
-
 // Spellings that differ between toolchains and word sizes, brought to one form.
 std::string normalised(std::string name) {
     static std::pair<std::regex, char const*> const rules[] = {
@@ -85,13 +78,12 @@ std::string normalised(std::string name) {
     return name;
 }
 
-// Symbols the compiler emits for any C++ library: standard template instantiations, type
-// information, virtual tables, guards, thunks and sanitizer bookkeeping.
+// Symbols the compiler emits for any C++ library: standard template instantiations (possibly
+// behind a return type), type information, virtual tables, guards, thunks, sanitizer bookkeeping.
 bool isToolchainNoise(std::string const& name) {
     static std::regex const noise(
         R"(^(typeinfo |vtable for |VTT for |construction vtable for |guard variable for |(non-)?virtual thunk to |)"
         R"(covariant return thunk to |transaction clone for |__odr_asan|__asan|__ubsan).*)");
-    // A standard-library entity, possibly behind the return type of a template instantiation.
     static std::regex const library(R"(^(.* )?(std|__gnu_cxx)::.*)");
     return std::regex_match(name, noise) || std::regex_match(name.substr(0, name.find('(')), library);
 }
@@ -99,7 +91,7 @@ bool isToolchainNoise(std::string const& name) {
 TEST(ExportedInterface, MatchesTheListBothWays) {
     std::set<std::string> exported;
     for (std::string const& line :
-         commandLines(std::string(COLLOQUY_COMPAT_NM) + " -D --defined-only -C '" + COLLOQUY_COMPAT_LIBRARY + "'")) {
+         readLines(std::string(COLLOQUY_COMPAT_NM) + " -D --defined-only -C '" + COLLOQUY_COMPAT_LIBRARY + "'", true)) {
         // "<address> <kind> <demangled name>"; kind 'u' is the one shared copy of an entity
         // defined in a header, which hosts take from the header and which depends on optimisation.
         auto const kind = line.find(' ');
@@ -112,7 +104,7 @@ TEST(ExportedInterface, MatchesTheListBothWays) {
     std::unique_ptr<char, void (*)(void*)> vaList(
         abi::__cxa_demangle(typeid(std::decay_t<va_list>).name(), nullptr, nullptr, &status), std::free);
     ASSERT_TRUE(status == 0 && vaList);
-    std::set<std::string> named, additions, missing, unlisted;
+    std::set<std::string> named, missing, unlisted;
     for (std::string line : listLines("exported_interface.txt")) {
         line = std::regex_replace(line, std::regex(R"(\bva_list\b)"), vaList.get());
         bool const added = line.rfind("+ ", 0) == 0;
@@ -131,127 +123,50 @@ TEST(ExportedInterface, MatchesTheListBothWays) {
         << "exported but not listed (hide them or list as \"+ name -- reason\")";
 }
 
-// ---- virtual slot orders ----
-
-struct Slot {
-    std::string owner;  // class whose definition fills the slot
-    std::string name;   // operation name; "~" for both destructor slots
-    bool operator==(Slot const& other) const { return owner == other.owner && name == other.name; }
-};
-std::ostream& operator<<(std::ostream& out, Slot const& slot) { return out << slot.owner << "::" << slot.name; }
-using Table = std::vector<Slot>;
-
-// The primary virtual table of every class in the dump: the function slots after the offset
-// to top and the type information, up to the first secondary table.
-std::map<std::string, Table> primaryTables(std::vector<std::string> const& dump) {
+// The primary virtual table of every class in the dump as "Owner::operation", the owner being
+// the class whose definition fills the slot (both destructor slots once, as "Owner::~"): the
+// function slots after the offset to top and the type information, up to the first secondary table.
+std::map<std::string, std::vector<std::string>> primaryTables(std::vector<std::string> const& dump) {
     static std::regex const title(R"(^Vtable for (.+)$)"), entry(R"(^\d+\s+\(int \(\*\)\(\.\.\.\)\)(.*)$)"),
-        notAFunction(R"(^(-?\d+|\(& _ZTI.*\))$)");
-    std::map<std::string, Table> tables;
+        notAFunction(R"(^(-?\d+|\(& _ZTI.*\))$)"), destructor(R"(~.*$)");
+    std::map<std::string, std::vector<std::string>> tables;
     std::smatch match;
     for (std::size_t i = 0; i < dump.size(); ++i) {
         if (!std::regex_match(dump[i], match, title)) continue;
-        Table& table = tables[match[1]];
+        auto& table = tables[match[1]];
         for (std::size_t j = i + 4; j < dump.size() && std::regex_match(dump[j], match, entry); ++j) {
-            std::string const value = match[1];
-            if (std::regex_match(value, notAFunction)) break;
-            auto const separator = value.rfind("::");
-            std::string const name = separator == std::string::npos ? value : value.substr(separator + 2);
-            table.push_back({separator == std::string::npos ? "" : value.substr(0, separator),
-                             !name.empty() && name[0] == '~' ? "~" : name});
+            if (std::regex_match(match[1].str(), notAFunction)) break;
+            std::string const slot = std::regex_replace(match[1].str(), destructor, "~");
+            if (table.empty() || slot.back() != '~' || table.back() != slot) table.push_back(slot);
         }
     }
     return tables;
 }
 
-std::vector<std::string> words(std::string const& text) {
-    std::istringstream in(text);
-    return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
-}
-
+// Each line of virtual_order.txt: "Class = Owner::operation ...", the class's whole primary table.
 TEST(VirtualOrder, EveryListedClassKeepsItsSlots) {
 #ifndef COLLOQUY_COMPAT_CLASS_DUMP
     GTEST_SKIP() << "the class-layout dump needs g++";
 #else
     auto const tables = primaryTables(readLines(COLLOQUY_COMPAT_CLASS_DUMP));
-    auto const tableOf = [&](std::string const& name) {
-        auto const found = tables.find(name);
-        EXPECT_NE(found, tables.end()) << "no virtual table for " << name << " in the dump";
-        return found == tables.end() ? Table{} : found->second;
-    };
-    // "Class : Base | declared | overridden": the base's table with the overridden slots taken
-    // over, then the declared ones ("-": no base). "Class = op op ...": the whole table by name.
-    static std::regex const derived(R"(^(\S+) : (\S+) \|([^|]*)\|(.*)$)"), whole(R"(^(\S+) = (.*)$)");
+    static std::regex const form(R"(^(\S+) = (.*)$)");
     int checked = 0;
     for (std::string const& line : listLines("virtual_order.txt")) {
         std::smatch match;
-        if (std::regex_match(line, match, derived)) {
-            std::string const owner = match[1];
-            Table expected = match[2] == "-" ? Table{} : tableOf(match[2]);
-            for (auto const& name : words(match[4])) {
-                bool found = false;
-                for (Slot& slot : expected)
-                    if (slot.name == name) slot.owner = owner, found = true;
-                EXPECT_TRUE(found) << owner << " overrides " << name << ", which its base does not declare";
-            }
-            for (auto const& name : words(match[3]))
-                expected.insert(expected.end(), name == "~" ? 2 : 1, Slot{owner, name});  // two destructor slots
-            EXPECT_EQ(tableOf(owner), expected) << "slot order of " << owner;
-        } else if (std::regex_match(line, match, whole)) {
-            std::vector<std::string> names;
-            for (Slot const& slot : tableOf(match[1]))
-                if (names.empty() || slot.name != "~" || names.back() != "~") names.push_back(slot.name);
-            EXPECT_EQ(names, words(match[2])) << "slot order of " << match[1];
-        } else {
-            ADD_FAILURE() << "unreadable line in virtual_order.txt: " << line;
-        }
+        ASSERT_TRUE(std::regex_match(line, match, form)) << "unreadable line in virtual_order.txt: " << line;
+        auto const found = tables.find(match[1]);
+        ASSERT_NE(found, tables.end()) << "no virtual table for " << match[1] << " in the dump";
+        std::istringstream slots(match[2]);
+        EXPECT_EQ(found->second, (std::vector<std::string>{std::istream_iterator<std::string>(slots), {}}))
+            << "slot order of " << match[1];
         ++checked;
     }
     EXPECT_GT(checked, 0);
 #endif
 }
 
-// ---- member layouts ----
-
-// Pointers to protected and private members, taken through an explicit instantiation (where
-// access is not checked) so the test reads the real layout without widening the headers.
-template <class Class, class Type>
-using MemberOf = Type Class::*;
-template <class Tag, typename Tag::type Pointer>
-struct Expose {
-    friend constexpr typename Tag::type member(Tag) { return Pointer; }
-};
-#define COMPAT_MEMBER(Class, Type, name)              \
-    struct Class##_##name {                           \
-        using type = MemberOf<Class, Type>;           \
-        friend constexpr type member(Class##_##name); \
-    };                                                \
-    template struct Expose<Class##_##name, &Class::name>
-
-COMPAT_MEMBER(CAssociativeArray, RWCString, mLastText);
-COMPAT_MEMBER(RWCollectableInt, int, mValue);
-COMPAT_MEMBER(ValidateObject, int, validFlag);
-COMPAT_MEMBER(ClientObj, ClientHandler[ClientObj::kMaxHandlerIndex + 1], handlerTable);
-COMPAT_MEMBER(ClientObj, int, highestIndex);
-COMPAT_MEMBER(ClientObj, int, handlerCount);
-COMPAT_MEMBER(ServerObj, std::unique_ptr<RWHashTable>, eventTable);
-COMPAT_MEMBER(FilesAssociationArchive, std::string, mDefualtDestinationDirectory);
-COMPAT_MEMBER(FilesAssociationArchive, std::unique_ptr<RWHashDictionaryIterator>, mIterator);
-
-// Byte offset of a member (possibly of a base class) inside the complete object `object`.
-template <class Object, class Base, class Type>
-std::ptrdiff_t at(Object const& object, Type Base::*pointer) {
-    Base const& base = object;
-    return reinterpret_cast<char const*>(&(base.*pointer)) - reinterpret_cast<char const*>(&object);
-}
-
-// Each offset lies after the previous one, the first after `after` (the end of the base part).
-void expectInOrder(char const* what, std::ptrdiff_t after, std::vector<std::ptrdiff_t> const& offsets) {
-    for (std::size_t i = 0; i < offsets.size(); ++i)
-        EXPECT_GT(offsets[i], i ? offsets[i - 1] : after - 1) << what << ": member " << i << " out of order";
-}
-
-// A mirror lays out the documented members in the documented order (polymorphic classes with
-// no data in their bases: the virtual table pointer first): the same size and offsets mean no
+// Mirrors lay out the documented members in the documented order (a virtual table pointer
+// where the class or a base has one); the same size and member offsets as the class mean no
 // member moved, changed type or was added.
 struct PackMirror {
     char* theBuffer;
@@ -276,77 +191,74 @@ struct TypedMessageMirror {
     char* data;
     unsigned int length;
 };
-struct ValidateMirror {
+struct EventMirror {  // the serial number (the collectable integer) first
     void* vptr;
-    int validFlag;
+    int serial;
+    ClientObj* eventClient;
+    int handlerIndex;
 };
-// The name of the member when it lies elsewhere than in the mirror, else "".
-#define COMPAT_EXACT(object, Mirror, name)                                                                   \
-    (at(object, &std::remove_const_t<decltype(object)>::name) == std::ptrdiff_t(offsetof(Mirror, name)) ? "" \
-                                                                                                        : " " #name)
+struct ServerMirror {  // then the validity flag of the mixin, the handler table and its counters
+    void* vptr;
+    int serial;
+    void* mixinVptr;
+    int validFlag;
+    ClientHandler handlerTable[257];  // a handler for every index signOn can issue
+    int highestIndex, handlerCount;
+    void* eventTable;
+};
+struct AddressMirror {
+    void* vptr;
+    std::string namePart, hostPart, fullAddress;
+};
+struct ArchiveMirror {
+    alignas(CAssociativeArray) char base[sizeof(CAssociativeArray)];
+    std::string mDefualtDestinationDirectory;
+    void* mIterator;
+};
+struct GroupMirror {
+    alignas(RWOrdered) char base[sizeof(RWOrdered)];
+    int mGroupFlag;
+};
 
-TEST(Layout, MessageRecordsMatchTheirMirrors) {
-    static_assert(std::is_standard_layout_v<c_Pack> && sizeof(c_Pack) == sizeof(PackMirror));
-    static_assert(offsetof(c_Pack, theFields) == offsetof(PackMirror, theFields) &&
-                  offsetof(c_Pack, theLengths) == offsetof(PackMirror, theLengths) &&
-                  offsetof(c_Pack, theCount) == offsetof(PackMirror, theCount) &&
-                  offsetof(c_Pack, thePackedLength) == offsetof(PackMirror, thePackedLength));
-    static_assert(sizeof(QType) == sizeof(int) && sizeof(cColloquyMessage) == sizeof(MessageMirror));
-    cColloquyMessage const m;
-    EXPECT_EQ(std::string() + COMPAT_EXACT(m, MessageMirror, userValue) + COMPAT_EXACT(m, MessageMirror, formatStamp) +
-                  COMPAT_EXACT(m, MessageMirror, toHost) + COMPAT_EXACT(m, MessageMirror, toName) +
-                  COMPAT_EXACT(m, MessageMirror, fromHost) + COMPAT_EXACT(m, MessageMirror, fromName) +
-                  COMPAT_EXACT(m, MessageMirror, qType) + COMPAT_EXACT(m, MessageMirror, messageType) +
-                  COMPAT_EXACT(m, MessageMirror, messageSubType) + COMPAT_EXACT(m, MessageMirror, body) +
-                  COMPAT_EXACT(m, MessageMirror, bodyLen) + COMPAT_EXACT(m, MessageMirror, packedBuffer) +
-                  COMPAT_EXACT(m, MessageMirror, packedLen),
-              "")
-        << "members moved";
-    // RWCollectable carries nothing but its virtual table pointer, so the typed message is exact too.
-    static_assert(sizeof(cTypedMessageObject) == sizeof(TypedMessageMirror));
-    cTypedMessageObject const typed(1, 2, nullptr, 0);
-    EXPECT_EQ(std::string() + COMPAT_EXACT(typed, TypedMessageMirror, type) +
-                  COMPAT_EXACT(typed, TypedMessageMirror, subType) + COMPAT_EXACT(typed, TypedMessageMirror, data) +
-                  COMPAT_EXACT(typed, TypedMessageMirror, length),
-              "")
-        << "members moved";
+template <class Object, class... Member>
+std::vector<std::ptrdiff_t> offsets(Object const& object, Member const*... members) {
+    return {(reinterpret_cast<char const*>(members) - reinterpret_cast<char const*>(&object))...};
 }
+#define COMPAT_SAME_LAYOUT(object, Mirror, ...)                                \
+    static_assert(sizeof(decltype(object)) == sizeof(Mirror), #Mirror);        \
+    EXPECT_EQ([](auto const& o) { return offsets(o, __VA_ARGS__); }(object),   \
+              [](auto const& o) { return offsets(o, __VA_ARGS__); }(Mirror{})) \
+        << #Mirror
 
-TEST(Layout, OtherPublicClassesKeepTheirMemberOrder) {
-    // The serial number (the collectable integer), the validity flag of the mixin, the handler
-    // table and its counters, then the server's event table.
-    ServerObj const server(4);
-    expectInOrder("ServerObj", 0,
-                  {at(server, member(RWCollectableInt_mValue{})), at(server, member(ValidateObject_validFlag{})),
-                   at(server, member(ClientObj_handlerTable{})), at(server, member(ClientObj_highestIndex{})),
-                   at(server, member(ClientObj_handlerCount{})), at(server, member(ServerObj_eventTable{}))});
-    // The table holds a handler for every index signOn can issue.
-    EXPECT_GE(at(server, member(ClientObj_highestIndex{})) - at(server, member(ClientObj_handlerTable{})),
-              std::ptrdiff_t(256 * sizeof(ClientHandler)));
-    BaseEvent const event(7, nullptr, 3);
-    expectInOrder("BaseEvent", 0,
-                  {at(event, member(RWCollectableInt_mValue{})), at(event, &BaseEvent::eventClient),
-                   at(event, &BaseEvent::handlerIndex)});
-    static_assert(sizeof(ValidateObject) == sizeof(ValidateMirror));
-    EXPECT_EQ(at(ValidateObject(), member(ValidateObject_validFlag{})),
-              std::ptrdiff_t(offsetof(ValidateMirror, validFlag)));
+// Derived classes reach the protected members.
+struct ServerProbe : ServerObj {
+    ServerProbe() : ServerObj(4) {}
+    void check() const {
+        COMPAT_SAME_LAYOUT(*this, ServerMirror, &o.validFlag, &o.handlerTable, &o.highestIndex, &o.handlerCount,
+                           &o.eventTable);
+    }
+};
+struct ArchiveProbe : FilesAssociationArchive {
+    void check() const { COMPAT_SAME_LAYOUT(*this, ArchiveMirror, &o.mDefualtDestinationDirectory, &o.mIterator); }
+};
 
-    CAssociativeArray const record(8);
-    EXPECT_EQ(at(record, member(CAssociativeArray_mLastText{})), std::ptrdiff_t(sizeof(RWHashDictionary)));
+TEST(Layout, PublicClassesMatchTheirMirrors) {
+    static_assert(std::is_standard_layout_v<c_Pack> && sizeof(QType) == sizeof(int));
+    COMPAT_SAME_LAYOUT(c_Pack(static_cast<char const*>(nullptr)), PackMirror, &o.theFields, &o.theLengths, &o.theCount,
+                       &o.thePackedLength);
+    COMPAT_SAME_LAYOUT(cColloquyMessage(), MessageMirror, &o.userValue, &o.formatStamp, &o.toHost, &o.toName,
+                       &o.fromHost, &o.fromName, &o.qType, &o.messageType, &o.messageSubType, &o.body, &o.bodyLen,
+                       &o.packedBuffer, &o.packedLen);
+    COMPAT_SAME_LAYOUT(cTypedMessageObject(1, 2, nullptr, 0), TypedMessageMirror, &o.type, &o.subType, &o.data,
+                       &o.length);
+    COMPAT_SAME_LAYOUT(BaseEvent(7, nullptr, 3), EventMirror, &o.eventClient, &o.handlerIndex);
+    COMPAT_SAME_LAYOUT(CColloquyAddress("name@host"), AddressMirror, &o.namePart, &o.hostPart, &o.fullAddress);
+    COMPAT_SAME_LAYOUT(ProcessGroup(), GroupMirror, &o.mGroupFlag);
+    ServerProbe().check();
+    ArchiveProbe().check();
+    static_assert(sizeof(ValidateObject) == 2 * sizeof(void*) && sizeof(ProcessInfo::pid) == 4);
+    // The text cache is the associative array's only member.
     static_assert(sizeof(CAssociativeArray) == sizeof(RWHashDictionary) + sizeof(RWCString));
-    FilesAssociationArchive const archive;
-    expectInOrder("FilesAssociationArchive", sizeof(CAssociativeArray),
-                  {at(archive, member(FilesAssociationArchive_mDefualtDestinationDirectory{})),
-                   at(archive, member(FilesAssociationArchive_mIterator{}))});
-    static_assert(sizeof(FilesAssociationArchive) == sizeof(CAssociativeArray) + sizeof(std::string) + sizeof(void*));
-    CColloquyAddress const address("name@host");
-    expectInOrder("CColloquyAddress", sizeof(void*),
-                  {at(address, &CColloquyAddress::namePart), at(address, &CColloquyAddress::hostPart),
-                   at(address, &CColloquyAddress::fullAddress)});
-    static_assert(sizeof(CColloquyAddress) == sizeof(void*) + 3 * sizeof(std::string));
-    ProcessGroup const group;
-    expectInOrder("ProcessGroup", sizeof(RWOrdered), {at(group, &ProcessGroup::mGroupFlag)});
-    static_assert(sizeof(ProcessInfo::pid) == 4);
 }
 
 }  // namespace

@@ -17,7 +17,6 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <iterator>
 #include <map>
 #include <memory>
@@ -32,21 +31,14 @@
 
 namespace {
 
-// The lines of a file, or of a command's output when `command`; throws when either cannot be
-// read, so that a missing input never passes.
-std::vector<std::string> readLines(std::string const& source, bool command = false) {
+// The lines a command writes (`cat` for a file); throws when it fails, so that a missing input never passes.
+std::vector<std::string> readLines(std::string const& command) {
+    FILE* pipe = popen(command.c_str(), "r");
+    if (!pipe) throw std::runtime_error("cannot run " + command);
     std::stringstream text;
-    if (command) {
-        FILE* pipe = popen(source.c_str(), "r");
-        if (!pipe) throw std::runtime_error("cannot run " + source);
-        char buffer[4096];
-        while (size_t n = std::fread(buffer, 1, sizeof buffer, pipe)) text.write(buffer, n);
-        if (pclose(pipe) != 0) throw std::runtime_error("command failed: " + source);
-    } else if (std::ifstream in(source); in) {
-        text << in.rdbuf();
-    } else {
-        throw std::runtime_error("cannot read " + source);
-    }
+    char buffer[4096];
+    while (size_t n = std::fread(buffer, 1, sizeof buffer, pipe)) text.write(buffer, n);
+    if (pclose(pipe) != 0) throw std::runtime_error("command failed: " + command);
     std::vector<std::string> lines;
     for (std::string line; std::getline(text, line);) lines.push_back(line);
     return lines;
@@ -60,7 +52,7 @@ std::string trim(std::string const& text) {
 // The meaningful lines of a checked-in list.
 std::vector<std::string> listLines(char const* name) {
     std::vector<std::string> lines;
-    for (std::string const& raw : readLines(std::string(COLLOQUY_COMPAT_SOURCE_DIR "/") + name))
+    for (std::string const& raw : readLines(std::string("cat '" COLLOQUY_COMPAT_SOURCE_DIR "/") + name + "'"))
         if (std::string const line = trim(raw); !line.empty() && line[0] != '#') lines.push_back(line);
     return lines;
 }
@@ -91,7 +83,7 @@ bool isToolchainNoise(std::string const& name) {
 TEST(ExportedInterface, MatchesTheListBothWays) {
     std::set<std::string> exported;
     for (std::string const& line :
-         readLines(std::string(COLLOQUY_COMPAT_NM) + " -D --defined-only -C '" + COLLOQUY_COMPAT_LIBRARY + "'", true)) {
+         readLines(COLLOQUY_COMPAT_NM " -D --defined-only -C '" COLLOQUY_COMPAT_LIBRARY "'")) {
         // "<address> <kind> <demangled name>"; kind 'u' is the one shared copy of an entity
         // defined in a header, which hosts take from the header and which depends on optimisation.
         auto const kind = line.find(' ');
@@ -104,16 +96,16 @@ TEST(ExportedInterface, MatchesTheListBothWays) {
     std::unique_ptr<char, void (*)(void*)> vaList(
         abi::__cxa_demangle(typeid(std::decay_t<va_list>).name(), nullptr, nullptr, &status), std::free);
     ASSERT_TRUE(status == 0 && vaList);
+    // "name" or "+ name -- reason", an addition of our own beyond the host interface.
+    static std::regex const entry(R"(^(\+ )?(.+?)( -- .*\S.*)?$)");
     std::set<std::string> named, missing, unlisted;
     for (std::string line : listLines("exported_interface.txt")) {
+        std::smatch m;
         line = std::regex_replace(line, std::regex(R"(\bva_list\b)"), vaList.get());
-        bool const added = line.rfind("+ ", 0) == 0;
-        auto const dash = line.find(" -- ");
-        EXPECT_TRUE(!added || (dash != std::string::npos && !trim(line.substr(dash + 4)).empty()))
-            << "an addition without a reason: " << line;
-        std::string const name = added ? trim(line.substr(2, dash == std::string::npos ? dash : dash - 2)) : line;
-        EXPECT_TRUE(named.insert(name).second) << "listed twice: " << name;
-        if (!exported.count(name)) missing.insert((added ? "(addition) " : "") + name);
+        ASSERT_TRUE(std::regex_match(line, m, entry) && m[1].matched == m[3].matched)
+            << "an addition needs a reason, and only an addition has one: " << line;
+        EXPECT_TRUE(named.insert(m[2]).second) << "listed twice: " << m[2];
+        if (!exported.count(m[2])) missing.insert((m[1].matched ? "(addition) " : "") + m[2].str());
     }
     ASSERT_FALSE(named.empty());
     for (auto const& name : exported)
@@ -148,7 +140,7 @@ TEST(VirtualOrder, EveryListedClassKeepsItsSlots) {
 #ifndef COLLOQUY_COMPAT_CLASS_DUMP
     GTEST_SKIP() << "the class-layout dump needs g++";
 #else
-    auto const tables = primaryTables(readLines(COLLOQUY_COMPAT_CLASS_DUMP));
+    auto const tables = primaryTables(readLines("cat '" COLLOQUY_COMPAT_CLASS_DUMP "'"));
     static std::regex const form(R"(^(\S+) = (.*)$)");
     int checked = 0;
     for (std::string const& line : listLines("virtual_order.txt")) {

@@ -44,16 +44,13 @@ std::vector<std::string> readLines(std::string const& command) {
     return lines;
 }
 
-std::string trim(std::string const& text) {
-    auto const first = text.find_first_not_of(" \t");
-    return first == std::string::npos ? "" : text.substr(first, text.find_last_not_of(" \t") - first + 1);
-}
-
 // The meaningful lines of a checked-in list.
 std::vector<std::string> listLines(char const* name) {
     std::vector<std::string> lines;
     for (std::string const& raw : readLines(std::string("cat '" COLLOQUY_COMPAT_SOURCE_DIR "/") + name + "'"))
-        if (std::string const line = trim(raw); !line.empty() && line[0] != '#') lines.push_back(line);
+        if (std::string const line = std::regex_replace(raw, std::regex(R"(^\s+|\s+$)"), "");
+            !line.empty() && line[0] != '#')
+            lines.push_back(line);
     return lines;
 }
 

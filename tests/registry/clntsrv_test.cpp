@@ -70,8 +70,8 @@ TEST_F(RegistryTest, SignOnAndDispatchStayInTheTable) {
         if (reports) lines.push_back(records.records().at(0).line);
         ASSERT_EQ(errors(), reports) << index;
     }
-    EXPECT_EQ(lines, (std::vector<int>{lines[0], lines[1], lines[0]}));
-    EXPECT_NE(lines[0], lines[1]);
+    EXPECT_TRUE(lines.size() == 3 && lines[0] == lines[2] &&
+                lines[0] != lines[1]);  // the range report, the slot report
     EXPECT_EQ(client.seen.size(), 2u);
 
     // Counters out of step {highest, count, index, reports}: an occupied highest index is reused
@@ -80,8 +80,8 @@ TEST_F(RegistryTest, SignOnAndDispatchStayInTheTable) {
     TestClient other;
     BaseEvent toKeep(0, &other, other.add(true)), toFinish(0, &other, other.add(false)), incoming(0, nullptr, 99);
     EXPECT_EQ(toKeep.dispatchMe(), 1);
-    EXPECT_EQ(toFinish.dispatchEvent(incoming), 0);  // routed through the registered event's handler
-    EXPECT_EQ(incoming.handlerIndex, 2);
+    EXPECT_EQ(std::pair(toFinish.dispatchEvent(incoming), incoming.handlerIndex),
+              std::pair(0, 2));  // the event's handler
     EXPECT_EQ(other.seen, (std::vector<BaseEvent*>{&toKeep, &incoming}));
     int const outOfStep[][4] = {{1, 5, 1, 2}, {0, 3, 1, 3}, {255, 0, 255, 1}};
     for (auto& [highest, count, index, reports] : outOfStep) {
@@ -162,8 +162,7 @@ TEST_F(RegistryTest, MissingClientOrTableIsReportedAndIdentity) {
     // Serial numbers count up over every client and server; names are virtual; clients equal nothing.
     TestClient first;
     ServerObj second(0);  // a bucket count below 1 is taken as 1
-    EXPECT_GT(first.value(), 0);
-    EXPECT_EQ(second.value(), first.value() + 1);
+    EXPECT_TRUE(first.value() > 0 && second.value() == first.value() + 1);
     EXPECT_STREQ(static_cast<ValidateObject const&>(second).nameOf(), "ServerObj");
     EXPECT_STREQ(static_cast<ValidateObject const&>(first).nameOf(), "ClientObj");
     EXPECT_TRUE(first.valid() == 1 && !first.isEqual(&first));

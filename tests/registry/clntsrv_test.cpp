@@ -159,13 +159,13 @@ TEST_F(RegistryTest, MissingClientOrTableIsReportedAndIdentity) {
         EXPECT_EQ(errors(), 0);
     }
     EXPECT_EQ(std::pair(errors(), gClientsDestroyed), std::pair(1, 0));
-    // Serial numbers count up over every client and server; names are virtual; clients equal nothing.
+    // Serial numbers count up over every client and server; names are virtual; clients and plain events equal nothing.
     TestClient first;
     ServerObj second(0);  // a bucket count below 1 is taken as 1
     EXPECT_TRUE(first.value() > 0 && second.value() == first.value() + 1);
     EXPECT_STREQ(static_cast<ValidateObject const&>(second).nameOf(), "ServerObj");
     EXPECT_STREQ(static_cast<ValidateObject const&>(first).nameOf(), "ClientObj");
-    EXPECT_TRUE(first.valid() == 1 && !first.isEqual(&first));
+    EXPECT_TRUE(first.valid() == 1 && !first.isEqual(&first) && !BaseEvent().isEqual(&first));
 }
 
 }  // namespace

@@ -115,7 +115,7 @@ TEST(ExportedInterface, MatchesTheListBothWays) {
 // The primary virtual table of every class in the dump as "Owner::operation", the owner being
 // the class whose definition fills the slot (both destructor slots once, as "Owner::~"): the
 // function slots after the offset to top and the type information, up to the first secondary table.
-std::map<std::string, std::vector<std::string>> primaryTables(std::vector<std::string> const& dump) {
+[[maybe_unused]] std::map<std::string, std::vector<std::string>> primaryTables(std::vector<std::string> const& dump) {
     static std::regex const title(R"(^Vtable for (.+)$)"), entry(R"(^\d+\s+\(int \(\*\)\(\.\.\.\)\)(.*)$)"),
         notAFunction(R"(^(-?\d+|\(& _ZTI.*\))$)"), destructor(R"(~.*$)");
     std::map<std::string, std::vector<std::string>> tables;

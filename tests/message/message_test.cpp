@@ -45,11 +45,7 @@ TEST(Pack, BuffersBuilderImagesAndTheReaderWithTheirRecords) {
               std::tuple(some, some, size_t(2)));
     delete[] some;                           // the array delete may release a packed buffer
     EXPECT_EQ(PCKFreeData(new char[8]), 1);  // and PCKFreeData an array-new block
-    struct {
-        c_Pack (*build)();
-        std::string image;
-        size_t records;
-    } const cases[] = {
+    std::tuple<c_Pack (*)(), std::string, size_t> const cases[] = {
         {[] { return c_Pack("ab", 3, "hello", 5, kEnd); }, "2 3 5 ab\0hello"s, 0},
         {[] { return c_Pack("", 0, "x", 1, kEnd); }, "2 0 1 x", 1},  // an empty or null first field is reported
         {[] { return c_Pack(nullptr, 0, "x", 1, kEnd); }, "2 0 1 x", 1},
@@ -60,10 +56,10 @@ TEST(Pack, BuffersBuilderImagesAndTheReaderWithTheirRecords) {
          },
          "10 1 1 1 1 1 1 1 1 1 1 0123456789", 1},
     };
-    for (auto const& c : cases) {
+    for (auto const& [build, image, records] : cases) {
         ErrorRecords row;
-        EXPECT_EQ(roundTrip(c.build()), c.image);
-        EXPECT_EQ(row.count("packmsg"), c.records) << c.image;
+        EXPECT_EQ(roundTrip(build()), image);
+        EXPECT_EQ(row.count("packmsg"), records) << image;
     }
     EXPECT_THROW(c_Pack("a", 1, "b", -1, kEnd), std::invalid_argument);
     EXPECT_THROW(c_Pack("a", 1, "b", 2147483600, kEnd), std::length_error);
@@ -174,10 +170,7 @@ TEST(Message, TakesOverTypedMessagesAndReportsMissingBodiesAndBuffers) {
     cColloquyMessage n(1, "a", "b", "c", "d", QType(4), 0, 0, nullptr, 0);
     EXPECT_EQ(std::tuple(on.count("netmsg"), packedBytes(n), n.body, n.userValue),
               std::tuple(size_t(3), "5 2 2 2 2 2 a\0b\0c\0d\0"s + "4\0"s, kNull, 0xFFFFFFFFu));
-    struct {
-        void (*run)();
-        std::size_t records;
-    } const cases[] = {
+    std::pair<void (*)(), size_t> const cases[] = {
         {[] { cColloquyMessage m(1, "a", "b", "c", "d", QType(0), 0, 0, "x", 0); }, 2},
         {[] {
              c_Pack const p("a", 2, "b", 2, "c", 2, "d", 2, "0", 2, "", 0, "1", 2, "352", 4, kEnd);
@@ -190,8 +183,8 @@ TEST(Message, TakesOverTypedMessagesAndReportsMissingBodiesAndBuffers) {
     };
     for (auto const& c : cases) {
         ErrorRecords row;
-        c.run();
-        EXPECT_EQ(row.count("netmsg"), c.records) << &c - cases;
+        c.first();
+        EXPECT_EQ(row.count("netmsg"), c.second) << &c - cases;
     }
 }
 

@@ -192,11 +192,11 @@ void expectMalformedMapping(cColloquyMessage& m) {
 TEST(MalformedBuffer, EveryOneCopiedOrTakenOverMapsToTheEmptyOutcome) {
     std::string const data = kExampleBytes.substr(18);
     auto const first = [&](char const* length) { return "8 " + (length + (" 4 6 6 2 2 2 4 " + data)); };
-    // Counts 0, 11 and -1; the last blank missing; a first length negative, after a double blank, of
-    // 11 digits, above INT_MAX, running past the end; five fields; a length that is no number; the
+    // Counts 0, 11 (before a header that would fit) and -1; the last blank missing; a first length negative, after a
+    // double blank, of 11 digits, above INT_MAX, running past the end; five fields; a length that is no number; the
     // host or the stamp without its zero byte.
     std::vector<std::string> cases = {"0 ",
-                                      "11 1 1 1 1 1 1 1 1 1 1 1 abcdefghijk",
+                                      "11 6 4 6 6 2 2 2 4 0 0 8 " + data + "123456789",
                                       "-1 ",
                                       kExampleBytes.substr(0, 17) + "X" + data,
                                       first("-6"),

@@ -74,16 +74,16 @@ TEST_F(RegistryTest, SignOnAndDispatchStayInTheTable) {
                 lines[0] != lines[1]);  // the range report, the slot report
     EXPECT_EQ(client.seen.size(), 2u);
 
-    // Counters out of step {highest, count, index, reports}: an occupied highest index is reused
-    // (then the count exceeds it); from an empty one the next occupied slot; none occupied from
-    // there on: that index itself.
+    // Counters out of step {highest, count, index, reports}: none occupied from the highest index on
+    // (clamped to the table): that index; an occupied one is reused (then the count exceeds it);
+    // from an empty one the next occupied slot, up to the last.
     TestClient other;
     BaseEvent toKeep(0, &other, other.add(true)), toFinish(0, &other, other.add(false)), incoming(0, nullptr, 99);
     EXPECT_EQ(toKeep.dispatchMe(), 1);
     EXPECT_EQ(std::pair(toFinish.dispatchEvent(incoming), incoming.handlerIndex),
               std::pair(0, 2));  // the event's handler
     EXPECT_EQ(other.seen, (std::vector<BaseEvent*>{&toKeep, &incoming}));
-    int const outOfStep[][4] = {{1, 5, 1, 2}, {0, 3, 1, 3}, {255, 0, 255, 1}};
+    int const outOfStep[][4] = {{300, 0, 256, 2}, {1, 5, 1, 2}, {0, 3, 1, 3}, {254, 0, 256, 2}};
     for (auto& [highest, count, index, reports] : outOfStep) {
         EXPECT_EQ(other.addOutOfStep(highest, count), index) << highest;
         EXPECT_EQ(errors(), reports) << highest;
@@ -122,21 +122,22 @@ TEST_F(RegistryTest, DispatchEventKeepsOrDropsTheClient) {
     // Interleaved, so that removing one client's events walks past the other's.
     for (int key = 0; key < 6; ++key)
         server.registerEvent(*new KeyedEvent(key, key % 2 ? dropped : kept, key % 2 ? finish : keep));
+    server.registerEvent(*new KeyedEvent(-1, dropped, finish));  // found by the walk alone
     KeyedEvent keptProbe(0), droppedProbe(1);
     BaseEvent* const keptEvent = server.findEvent(keptProbe);
     server.dispatchEvent(*keptEvent);  // a handler answering 1 changes nothing
     EXPECT_EQ(kept->seen, std::vector<BaseEvent*>{keptEvent});
-    EXPECT_EQ(std::tuple(server.entries(), gEventsDestroyed, gClientsDestroyed), std::tuple(size_t(6), 0, 0));
+    EXPECT_EQ(std::tuple(server.entries(), gEventsDestroyed, gClientsDestroyed), std::tuple(size_t(7), 0, 0));
     // Answering 0 destroys all the client's events (the dispatched one too), then the client.
     server.dispatchEvent(*server.findEvent(droppedProbe));
-    EXPECT_EQ(std::pair(gEventsDestroyed, gClientsDestroyed), std::pair(3, 1));
+    EXPECT_EQ(std::tuple(gEventsDestroyed, gClientsDestroyed, server.entries()), std::tuple(4, 1, size_t(3)));
     for (int key = 0; key < 6; ++key) {
         KeyedEvent probe(key);
         BaseEvent* const found = server.findEvent(probe);
         EXPECT_EQ(found ? found->eventClient : nullptr, key % 2 ? nullptr : kept) << key;
     }
     kept->pleaseUnRegisterAll(server);
-    EXPECT_EQ(std::pair(gEventsDestroyed, server.entries()), std::pair(6, size_t(0)));
+    EXPECT_EQ(std::pair(gEventsDestroyed, server.entries()), std::pair(7, size_t(0)));
     delete kept;
 }
 

@@ -61,17 +61,17 @@ TEST_F(RegistryTest, SignOnAndDispatchStayInTheTable) {
     for (int expected = 2; expected <= 256; ++expected) ASSERT_EQ(client.add(true), expected);
     EXPECT_EQ(client.add(false), -1);  // refused, and nothing stored: 256 still keeps
     // {index, result, reports}: 256 is reported for the range and still runs; an empty slot is
-    // reported by another check; beyond the table the range report only; a negative index neither.
+    // reported by another check (slot 0 too); beyond the table the range report only; a negative index neither.
     std::vector<int> lines;
-    int const dispatched[][3] = {{256, 1, 1}, {255, 1, 0}, {1, -1, 1}, {100000, -1, 1}, {-1, -1, 0}};
+    int const dispatched[][3] = {{256, 1, 1}, {255, 1, 0}, {1, -1, 1}, {100000, -1, 1}, {-1, -1, 0}, {0, -1, 1}};
     for (auto& [index, result, reports] : dispatched) {
         BaseEvent event(0, &client, index);
         EXPECT_EQ(client.dispatch(event), result) << index;
         if (reports) lines.push_back(records.records().at(0).line);
         ASSERT_EQ(errors(), reports) << index;
     }
-    EXPECT_TRUE(lines.size() == 3 && lines[0] == lines[2] &&
-                lines[0] != lines[1]);  // the range report, the slot report
+    // The range report and the slot report, each from its own check.
+    EXPECT_TRUE(lines.size() == 4 && lines[0] == lines[2] && lines[1] == lines[3] && lines[0] != lines[1]);
     EXPECT_EQ(client.seen.size(), 2u);
 
     // Counters out of step {highest, count, index, reports}: none occupied from the highest index on

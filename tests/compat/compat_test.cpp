@@ -44,14 +44,10 @@ std::vector<std::string> readLines(std::string const& command) {
     return lines;
 }
 
-// The meaningful lines of a checked-in list.
-std::vector<std::string> listLines(char const* name) {
-    std::vector<std::string> lines;
-    for (std::string const& raw : readLines(std::string("cat '" COLLOQUY_COMPAT_SOURCE_DIR "/") + name + "'"))
-        if (std::string const line = std::regex_replace(raw, std::regex(R"(^\s+|\s+$)"), "");
-            !line.empty() && line[0] != '#')
-            lines.push_back(line);
-    return lines;
+// The meaningful lines of a checked-in list: trimmed, without comments and blank lines.
+std::vector<std::string> listLines(std::string const& name) {
+    return readLines("sed 's/^[[:space:]]*//; s/[[:space:]]*$//; /^#/d; /^$/d' '" COLLOQUY_COMPAT_SOURCE_DIR "/" +
+                     name + "'");
 }
 
 // Spellings that differ between toolchains and word sizes, brought to one form.

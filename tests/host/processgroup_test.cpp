@@ -15,7 +15,6 @@
 namespace {
 
 using namespace nChildren;
-
 using nTagScope::Line;
 using nTagScope::TagScope;
 using Lines = std::vector<Line>;
@@ -26,46 +25,40 @@ Line gKill(int line, char const* outcome, int pid) {
 
 class ProcessGroupTest : public ::testing::Test {
   protected:
-    Lines lines() const { return nTagScope::gLines(mCapture, "processgroupmanager"); }
+    Lines lines() {
+        Lines const lines = nTagScope::gLines(mCapture, "processgroupmanager");
+        mCapture.clear();
+        return lines;
+    }
 
-    TagScope mExecution{"Execution", true};
-    TagScope mError{"Error", true};
-    TagScope mTrace{"Trace", false};
+    TagScope mExecution{"Execution", true}, mError{"Error", true}, mTrace{"Trace", false};
     nLog::cCapture mCapture;
 };
 
 TEST_F(ProcessGroupTest, GroupIsTerminatedNewestFirstAndForgotten) {
     ProcessesGroupManager manager;
-    RWCString name("workers");
+    RWCString name("workers"), other("Workers");  // names are case-sensitive
     int first = gSleeper(), exited = gExitedChild(), last = gSleeper();
     ProcessGroup* const group = manager.AddProcessToGroup(name, first);
     ASSERT_NE(group, nullptr);
     for (int* pid : {&exited, &last, &first}) EXPECT_EQ(manager.AddProcessToGroup(name, *pid), group);
     EXPECT_EQ(group->entries(), 4u);  // the same pid twice stands twice
-    RWCString other("Workers");       // names are case-sensitive
     EXPECT_EQ(manager.GetProcessGroup(other), nullptr);
 
     // Every member is tried after a failure; the first kill reaped `first`, so its second
     // entry finds no process.
     EXPECT_FALSE(manager.TerminateGroup(name));
-    Lines const expected = {
-        {"Execution", 171, "ProcessesGroupManager::TerminateGroup terminating\tworkers"},
-        gKill(54, "killed", first),
-        gKill(54, "killed", last),
-        gKill(50, "already terminated", exited),
-        gKill(62, "error cannot find", first),
-    };
-    EXPECT_EQ(lines(), expected);
-    EXPECT_EQ(manager.GetProcessGroup(name), nullptr);
-    EXPECT_EQ(manager.entries(), 0u);
+    EXPECT_EQ(lines(), (Lines{{"Execution", 171, "ProcessesGroupManager::TerminateGroup terminating\tworkers"},
+                              gKill(54, "killed", first),
+                              gKill(54, "killed", last),
+                              gKill(50, "already terminated", exited),
+                              gKill(62, "error cannot find", first)}));
+    EXPECT_TRUE(manager.GetProcessGroup(name) == nullptr && manager.entries() == 0u);
     for (int pid : {first, exited, last}) EXPECT_TRUE(gReaped(pid)) << pid;
-
-    mCapture.clear();
     EXPECT_FALSE(manager.TerminateGroup(name));
     EXPECT_EQ(lines(), (Lines{{"Error", 176, "ProcessesGroupManager::TerminateGroup unknown group \tworkers"}}));
 
     // Without the Execution records the results stay the same.
-    mCapture.clear();
     TagScope off("Execution", false);
     int quiet = gSleeper();
     manager.AddProcessToGroup(name, quiet);
@@ -99,7 +92,6 @@ TEST_F(ProcessGroupTest, PositionsRemovalAndMissingElements) {
     EXPECT_TRUE(group.TerminateGroupZ0());  // empty: nothing to fail
 
     // A missing element is reported; termination stops there, keeping what is before it.
-    mCapture.clear();
     group.insert(nullptr);
     EXPECT_FALSE(group.TerminateElementZ0(0));
     EXPECT_EQ(lines(), (Lines{{"Error", 80, ""}}));
@@ -122,11 +114,10 @@ TEST_F(ProcessGroupTest, FlagAndTraceRecordsOfAddProcessToGroup) {
     EXPECT_EQ(group->mGroupFlag, 0);  // the two-argument form leaves it
     EXPECT_EQ(manager.AddProcessToGroup(flagged, pid, 7), group);
     EXPECT_EQ(group->mGroupFlag, 7);  // set on an existing group too
-
     std::string address;
     nLog::gAppendPiece(address, static_cast<void const*>(group));
-    Line const expected{"Trace", 130, "ProcessesGroupManager::AddProcessToGroup \tflagged\t4711\t" + address};
-    EXPECT_EQ(lines(), Lines(3, expected));
+    EXPECT_EQ(lines(),
+              Lines(3, {"Trace", 130, "ProcessesGroupManager::AddProcessToGroup \tflagged\t4711\t" + address}));
 }
 
 TEST_F(ProcessGroupTest, KillThatTheKernelRefuses) {
@@ -139,9 +130,8 @@ TEST_F(ProcessGroupTest, KillThatTheKernelRefuses) {
         nLog::cCapture capture;
         ProcessInfo info(victim);
         if (gKillProcess(info)) return 102;
-        std::vector<nLog::cRecord> const& r = capture.records();
-        return r.size() == 1 && Line{r[0].tag, r[0].line, r[0].text} == gKill(58, "error cannot kill", victim) ? 0
-                                                                                                               : 103;
+        return nTagScope::gLines(capture, "processgroupmanager") == Lines{gKill(58, "error cannot kill", victim)} ? 0
+                                                                                                                  : 103;
     });
     EXPECT_EQ(status, 0);
     EXPECT_TRUE(gAlive(victim));

@@ -13,7 +13,6 @@
 
 #include <sys/stat.h>
 #include <unistd.h>
-#include <array>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
@@ -23,6 +22,7 @@
 namespace {
 
 using nTagScope::Line;
+using Lines = std::vector<Line>;
 std::string const kRule = "\n" + std::string(79, '=') + "\n";
 char const kNotAvailable[] = "Not Available - failed on creation";
 std::string const kReport = "uname:-a\nlscpu:\nlsblk:\ncat:/proc/meminfo\n";
@@ -45,114 +45,94 @@ class SupportTest : public ::testing::Test {
         ASSERT_TRUE(mkdir(path.c_str(), 0755) == 0 || errno == EEXIST) << path;
         ASSERT_EQ(chdir(path.c_str()), 0);
     }
-    // The stand-ins for the five commands, with their exit statuses.
-    void tools(std::array<int, 5> const& statuses) {
+    // The stand-ins for the five commands; the one at `failing` answers 0, the others 1.
+    void tools(size_t failing) {
         char const* const names[] = {"ifconfig", "uname", "lscpu", "lsblk", "cat"};
-        for (size_t i = 0; i < statuses.size(); ++i)
-            gWriteFile(
-                mRoot + "/bin/" + names[i],
-                "#!/bin/sh\necho \"" + std::string(names[i]) + ":$*\"\nexit " + std::to_string(statuses[i]) + "\n",
-                0755);
+        for (size_t i = 0; i < 5; ++i)
+            gWriteFile(mRoot + "/bin/" + names[i],
+                       "#!/bin/sh\necho \"" + std::string(names[i]) + ":$*\"\nexit " + (i == failing ? "0\n" : "1\n"),
+                       0755);
     }
-    std::string interfacePath() const { return mWork + "/IpConfig.txt"; }
-    std::string systemPath() const { return mWork + "/" + mHost + ".txt"; }
-    std::vector<Line> lines() const { return nTagScope::gLines(mCapture, "supportinformationgenerator"); }
+    Lines lines() {
+        Lines const lines = nTagScope::gLines(mCapture, "supportinformationgenerator");
+        mCapture.clear();
+        return lines;
+    }
 
     std::string const mRoot = gScratchDirectory("support_test");
     std::string mWork;
     std::filesystem::path const mOldDirectory = std::filesystem::current_path();
     std::string const mHost = nCommunication::nSocket::gGetLocalHostName().stdString();
-    EnvScope mPath{"PATH", (mRoot + "/bin:" + std::getenv("PATH")).c_str()};
-    EnvScope mQr{"QR_BIN", (mRoot + "/qr").c_str()};
-    TagScope mWarning{"Warning", true};
-    TagScope mError{"Error", true};
+    EnvScope mPath{"PATH", (mRoot + "/bin:" + std::getenv("PATH")).c_str()}, mQr{"QR_BIN", (mRoot + "/qr").c_str()};
+    TagScope mWarning{"Warning", true}, mError{"Error", true};
     nLog::cCapture mCapture;
     CSupportInformationGenerator mGenerator;
 };
 
 // A command answering zero counts as failed and ends the gathering, leaving the temporary
-// files as far as they were written; any other answer counts as success.
+// files as far as they were written; any other answer counts as success. The configuration
+// file is absent, a file (read in pieces, NUL bytes kept) or a directory.
 TEST_F(SupportTest, EachCommandAnsweringZeroStopsTheGathering) {
-    std::string const into = "\"" + interfacePath() + "\"", system = "\"" + systemPath() + "\"";
-    struct {
-        int line;
-        char const *what, *command;
-    } const steps[] = {{494, "ifconfig", "ifconfig -a -v >> "},
-                       {421, "kernel", "uname -a >> "},
-                       {434, "cpu", "lscpu >> "},
-                       {442, "disk", "lsblk >> "},
-                       {450, "memory", "cat /proc/meminfo >> "}};
+    std::string const interfaces = mWork + "/IpConfig.txt", system = mWork + "/" + mHost + ".txt";
+    std::string const into = "\"" + interfaces + "\"", report = "\"" + system + "\"";
+    std::string const ini = mRoot + "/qr/vantage.ini", binary = std::string("a=1\n\0b=2\n", 9) + std::string(9000, 'x');
+    std::pair<int, char const*> const steps[] = {{494, "ifconfig output with command: \tifconfig -a -v >> "},
+                                                 {421, "kernel output with command: \tuname -a >> "},
+                                                 {434, "cpu output with command: \tlscpu >> "},
+                                                 {442, "disk output with command: \tlsblk >> "},
+                                                 {450, "memory output with command: \tcat /proc/meminfo >> "}};
     for (size_t failing = 0; failing <= 5; ++failing) {  // 5: none
-        std::array<int, 5> statuses{1, 2, 3, 4, 5};
-        if (failing < 5) statuses[failing] = 0;
-        tools(statuses);
-        std::remove(interfacePath().c_str());
-        std::remove(systemPath().c_str());
-        mCapture.clear();
+        tools(failing);
+        std::remove(interfaces.c_str());
+        std::remove(system.c_str());
+        if (failing % 3 == 1) gWriteFile(ini, binary);
+        if (failing % 3 == 2) std::remove(ini.c_str()), mkdir(ini.c_str(), 0755);
+        if (failing % 3 == 0) rmdir(ini.c_str());
         CAssociativeArray db(16);
         EXPECT_TRUE(mGenerator.CreateInformationDB(db));
-        std::vector<Line> expected;
+        Lines expected;
         if (failing > 0)
             expected = {
                 {"Warning", 499,
                  "success to get ifconfig output with command: \tifconfig -a -v >> " + into + "\t into file \t" + into},
                 {"Warning", 414, "doing GenerateLinuxInfo()"}};
         if (failing < 5)
-            expected.push_back({"Warning", steps[failing].line,
-                                "failed to get " + std::string(steps[failing].what) + " output with command: \t" +
-                                    steps[failing].command + (failing ? system : into)});
+            expected.emplace_back("Warning", steps[failing].first,
+                                  "failed to get " + std::string(steps[failing].second) + (failing ? report : into));
         else
-            expected.push_back({"Warning", 535, "grabbed linux info into files \t" + into + "\t and \t" + system});
+            expected.emplace_back("Warning", 535, "grabbed linux info into files \t" + into + "\t and \t" + report);
         EXPECT_EQ(lines(), expected);
         bool const gathered = failing == 5;
         EXPECT_STREQ(db.GetValueOfParameter("$HOSTNAME"), mHost.c_str());
         EXPECT_STREQ(db.GetValueOfParameter("$IPCONFIG"), gathered ? "ifconfig:-a -v\n" : kNotAvailable);
         EXPECT_EQ(db.GetValueOfParameter("$SYSTEMREPORT"), gathered ? kReport : kNotAvailable);
+        char const* data = nullptr;
+        int length = 0;
+        db.GetValueOfParameter("$VANTAGEINI", data, length);
+        EXPECT_EQ(std::string(data, static_cast<size_t>(length)), failing % 3 == 1 ? binary : "Not Found");
         EXPECT_EQ(db.entries(), 4u);
-        EXPECT_EQ(contentOf(interfacePath()), gathered ? "<gone>" : "ifconfig:-a -v\n");
+        EXPECT_EQ(contentOf(interfaces), gathered ? "<gone>" : "ifconfig:-a -v\n");
         size_t end = 0;  // the output of the commands that ran
         for (size_t n = 0; n < failing && failing < 5; ++n) end = kReport.find('\n', end) + 1;
-        EXPECT_EQ(contentOf(systemPath()), end ? kReport.substr(0, end) : "<gone>");
+        EXPECT_EQ(contentOf(system), end ? kReport.substr(0, end) : "<gone>");
     }
 }
 
 TEST_F(SupportTest, ShellMetacharactersInTheWorkingDirectoryRunNothing) {
-    tools({1, 1, 1, 1, 1});
+    tools(5);
     // Every character the shell still reads inside double quotes.
     useWorkingDirectory(mRoot + "/w$(touch pwned1)`touch pwned2`\"; touch pwned3; \"\\");
     CAssociativeArray db(16);
     mGenerator.CreateInformationDB(db);
     EXPECT_STREQ(db.GetValueOfParameter("$IPCONFIG"), "ifconfig:-a -v\n");
     EXPECT_EQ(db.GetValueOfParameter("$SYSTEMREPORT"), kReport);
-    for (char const* name : {"pwned1", "pwned2", "pwned3"}) {
-        EXPECT_NE(access((mWork + "/" + name).c_str(), F_OK), 0) << name;
-        EXPECT_NE(access((mRoot + "/" + name).c_str(), F_OK), 0) << name;
-    }
+    for (char const* name : {"pwned1", "pwned2", "pwned3"})
+        EXPECT_TRUE(access((mWork + "/" + name).c_str(), F_OK) != 0 && access((mRoot + "/" + name).c_str(), F_OK) != 0);
     // The command names the directory, escaped inside the quotes.
     std::string const escaped =
         "\"" + mRoot + "/w\\$(touch pwned1)\\`touch pwned2\\`\\\"; touch pwned3; \\\"\\\\/IpConfig.txt\"";
-    ASSERT_FALSE(lines().empty());
-    EXPECT_EQ(lines()[0].text, "success to get ifconfig output with command: \tifconfig -a -v >> " + escaped +
-                                   "\t into file \t" + escaped);
-}
-
-TEST_F(SupportTest, ConfigurationFileFoundOrNot) {
-    tools({0, 0, 0, 0, 0});
-    std::string const path = mRoot + "/qr/vantage.ini";
-    std::string const binary = std::string("a=1\n\0b=2\n", 9) + std::string(100000, 'x');  // read in pieces
-    for (int kind = 0; kind < 3; ++kind) {  // absent, a file, a directory
-        if (kind == 1) gWriteFile(path, binary);
-        if (kind == 2) {
-            std::remove(path.c_str());
-            mkdir(path.c_str(), 0755);
-        }
-        CAssociativeArray db(16);
-        mGenerator.CreateInformationDB(db);
-        char const* data = nullptr;
-        int length = 0;
-        db.GetValueOfParameter("$VANTAGEINI", data, length);
-        EXPECT_EQ(std::string(data, static_cast<size_t>(length)), kind == 1 ? binary : "Not Found") << kind;
-    }
+    EXPECT_EQ(std::get<2>(lines().at(0)), "success to get ifconfig output with command: \tifconfig -a -v >> " +
+                                              escaped + "\t into file \t" + escaped);
 }
 
 TEST_F(SupportTest, StatusSenseAndDirectoryRoom) {
@@ -170,25 +150,12 @@ TEST_F(SupportTest, StatusSenseAndDirectoryRoom) {
     EXPECT_EQ(std::string(buffer), mWork + "/");
     EXPECT_FALSE(mGenerator.GetKZDirectoryPath(buffer, static_cast<int>(mWork.size() + 1)));
     EXPECT_TRUE(mGenerator.GetKZDirectoryPath(buffer, static_cast<int>(mWork.size() + 2)));
-    EXPECT_FALSE(mGenerator.GetKZDirectoryPath(buffer, 0));
-    EXPECT_FALSE(mGenerator.GetKZDirectoryPath(nullptr, 10));
+    EXPECT_FALSE(mGenerator.GetKZDirectoryPath(buffer, 0) || mGenerator.GetKZDirectoryPath(nullptr, 10));
 }
 
-// A record as CreateInformationDB leaves it, with its first `count` keys.
-void fill(CAssociativeArray& db, size_t count) {
-    char const* const pairs[][2] = {
-        {"$HOSTNAME", "alpha"}, {"$IPCONFIG", "eth0 up\n"}, {"$SYSTEMREPORT", "Linux alpha"}, {"$VANTAGEINI", "a=1\n"}};
-    for (size_t i = 0; i < count; ++i) db.AddCouple(pairs[i][0], pairs[i][1]);
-}
-
-// A stream buffer that accepts `room` characters and then throws something that is not a
-// standard exception.
+// A stream buffer that takes 100 characters and then throws something that is not a standard exception.
 struct FailingBuffer : std::streambuf {
-    int_type overflow(int_type c) override {
-        if (written.size() >= 100) throw 42;
-        written.push_back(static_cast<char>(c));
-        return c;
-    }
+    int_type overflow(int_type c) override { return written.size() < 100 ? written += char(c), c : throw 42; }
     std::string written;
 };
 
@@ -208,36 +175,35 @@ TEST_F(SupportTest, ReportSectionsInOrderAndWhereTheReportEnds) {
         {4, true, head + "Linux alpha" + product + configuration, true},
         {2, false, head, true},  // a missing key ends the report with an Error record
         {0, false, "", false},   // without the host name nothing is written
+        {4, false, "", true},    // anything else the stream throws is caught and logged without a text
     };
     for (auto const& row : rows) {
         SCOPED_TRACE(row.text);
-        mCapture.clear();
         CAssociativeArray db(16);
-        fill(db, row.keys);
-        if (row.product) db.AddCouple("$QRCTIDLL", "product 7.1");
+        char const* const pairs[][2] = {{"$HOSTNAME", "alpha"},
+                                        {"$IPCONFIG", "eth0 up\n"},
+                                        {"$SYSTEMREPORT", "Linux alpha"},
+                                        {"$VANTAGEINI", "a=1\n"},
+                                        {"$QRCTIDLL", "product 7.1"}};
+        for (size_t i = 0; i < row.keys; ++i) db.AddCouple(pairs[i][0], pairs[i][1]);
+        if (row.product) db.AddCouple(pairs[4][0], pairs[4][1]);
         std::ofstream out(mWork + "/report.txt");
+        FailingBuffer failing;
+        bool const throws = &row == &rows[4];
+        if (throws) static_cast<std::ostream&>(out).rdbuf(&failing), out.exceptions(std::ios::badbit);
         EXPECT_EQ(mGenerator.GenerateReportFile(out, db), row.result);
         out.close();
         EXPECT_EQ(gReadFile(mWork + "/report.txt"), row.text);
-        std::vector<Line> missing;
+        Lines missing;
         try {
             if (row.keys == 2) db.GetValueOfParameter("$SYSTEMREPORT");
         } catch (std::exception const& e) {
-            missing.push_back({"Error", 659, e.what()});
+            missing.emplace_back("Error", 659, e.what());
         }
-        EXPECT_EQ(lines(), missing);
+        EXPECT_EQ(lines(), throws ? Lines(1, {"Error", 663, ""}) : missing);
+        EXPECT_EQ(failing.written,
+                  throws ? (kRule + "Complete Report For Host: alpha\n" + kRule + kRule).substr(0, 100) : "");
     }
-    // Anything else thrown by the stream is caught and logged without a text.
-    mCapture.clear();
-    CAssociativeArray db(16);
-    fill(db, 4);
-    FailingBuffer buffer;
-    std::ofstream out;
-    static_cast<std::ostream&>(out).rdbuf(&buffer);
-    out.exceptions(std::ios::badbit);
-    EXPECT_TRUE(mGenerator.GenerateReportFile(out, db));
-    EXPECT_EQ(lines(), (std::vector<Line>{{"Error", 663, ""}}));
-    EXPECT_EQ(buffer.written, (kRule + "Complete Report For Host: alpha\n" + kRule + kRule).substr(0, 100));
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // Writes one record on each tag, so that a test can see which tags the environment enabled
-// and where the records went. Prints the enabled tags on standard output.
+// and where the records went. Prints the enabled tags (and whether one named "none" is) on standard output.
 #include "Log.h"
 
 #include <cstdio>
@@ -11,6 +11,6 @@ int main() {
         COLLOQUY_LOG_AT(*tag, "probe", 7, "probe", tag->name());
         if (tag->enabled()) std::printf("%s ", tag->name());
     }
-    std::printf("\n");
+    std::printf(nLog::gIsEnabled("none") ? "none \n" : "\n");
     return 0;
 }

@@ -1,5 +1,5 @@
-// Log records (composition, the disabled-tag rule, the recursion guard, the environment that
-// chooses the enabled tags and the output file) and the infrastructure's exceptions.
+// Log records (composition, the disabled-tag rule, the recursion guard, other threads, the
+// environment that chooses the enabled tags and the output file) and the infrastructure's exceptions.
 #include "Log.h"
 #include "files.h"
 #include "kzexception.h"
@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <string>
 #include <thread>
+#include <vector>
 
 using namespace std::string_literals;
 
@@ -29,58 +30,42 @@ void gAppendPiece(std::string& out, Reentrant const&) {
     out += "outer";
 }
 
-TEST(Log, RecordsCarryTheirPositionAndTabJoinedPieces) {
-    TagScope on("Error", true);
+TEST(Log, RecordsCarryTheirPositionAndTabJoinedPiecesOnEnabledTagsOnly) {
+    TagScope on("Error", true), off("Trace", false);
     nLog::cCapture capture;
     char const* none = nullptr;
+    int formatted = 0, evaluated = 0;
+    COLLOQUY_LOG(nLog::nBasic::sTraceTag_, "m", Counted{&formatted}, ++evaluated);  // composes nothing
     COLLOQUY_LOG_AT(nLog::nBasic::sErrorTag_, "packmsg", 123, "text", 42, none, -7L, std::string("a\0b", 3), 3u, 2.5,
-                    'c', true, RWCString("r"), cStringCoeImpl("s"), static_cast<void const*>(nullptr));
+                    'c', true, RWCString("r"), cStringCoeImpl("s"), static_cast<void const*>(nullptr), 0.5f);
     COLLOQUY_LOG(nLog::nBasic::sErrorTag_, "packmsg");
     int const line = __LINE__ - 1;
-    COLLOQUY_LOG(nLog::nBasic::sErrorTag_, "outer", Reentrant{});
-    ASSERT_EQ(capture.records().size(), 3u);
-    nLog::cRecord const& r = capture.records()[0];
-    EXPECT_EQ(r.tag + r.module + r.file, "ErrorColloquyUtil../src/packmsg");
-    EXPECT_EQ(r.line, 123);
-    EXPECT_EQ(r.thread, nLog::gThreadId());
-    EXPECT_EQ(r.text, "text\t42\t<NullChar*>\t-7\ta\0b\t3\t2.5\tc\t1\tr\ts\t(nil)"s);
-    EXPECT_EQ(capture.records()[1].text, "");
-    EXPECT_EQ(capture.records()[1].line, line);
-    EXPECT_EQ(capture.records()[2].text, "outer");  // the nested record was dropped
-    capture.clear();
-    COLLOQUY_LOG(nLog::nBasic::sErrorTag_, "m", 0.5f);  // a float is a floating-point piece
-    EXPECT_EQ(capture.records().at(0).text, "0.5");
-}
-
-TEST(Log, DisabledTagComposesNothing) {
-    TagScope off("Trace", false);
-    nLog::cCapture capture;
-    int formatted = 0, evaluated = 0;
-    COLLOQUY_LOG(nLog::nBasic::sTraceTag_, "m", Counted{&formatted}, ++evaluated);
-    EXPECT_EQ(formatted + evaluated, 0);
-    EXPECT_TRUE(capture.records().empty());
+    COLLOQUY_LOG(nLog::nBasic::sErrorTag_, "outer", Reentrant{});  // the nested record is dropped
     nLog::gEnable("Trace", true);
     EXPECT_TRUE(nLog::gIsEnabled("Trace"));
     COLLOQUY_LOG(nLog::nBasic::sTraceTag_, "m", Counted{&formatted}, ++evaluated);
-    ASSERT_EQ(capture.records().size(), 1u);
-    EXPECT_EQ(capture.records()[0].text, "counted1\t1");
-}
+    ASSERT_EQ(capture.records().size(), 4u);
+    nLog::cRecord const& r = capture.records()[0];
+    EXPECT_EQ(r.tag + r.module + r.file + std::to_string(r.line), "ErrorColloquyUtil../src/packmsg123");
+    EXPECT_EQ(r.thread, nLog::gThreadId());
+    EXPECT_EQ(r.text, "text\t42\t<NullChar*>\t-7\ta\0b\t3\t2.5\tc\t1\tr\ts\t(nil)\t0.5"s);
+    EXPECT_EQ(capture.records()[1].text + std::to_string(capture.records()[1].line), std::to_string(line));
+    EXPECT_EQ(capture.records()[2].text, "outer");
+    EXPECT_EQ(capture.records()[3].text, "counted1\t1");
 
-TEST(Log, CapturesSeeRecordsOfOtherThreads) {
-    TagScope on("ColloquyT", true);
-    nLog::cCapture outer;
+    // Every capture sees the records of other threads.
+    TagScope colloquy("ColloquyT", true);
+    nLog::cCapture inner;
     unsigned long other = 0;
-    {
-        nLog::cCapture inner;
-        std::thread([&] {
-            other = nLog::gThreadId();
-            COLLOQUY_LOG(nColloquy::sTraceTag_, "thread", "from thread");
-        }).join();
-        ASSERT_EQ(inner.records().size(), 1u);
-        EXPECT_EQ(inner.records()[0].tag, "ColloquyT");
+    std::thread([&] {
+        other = nLog::gThreadId();
+        COLLOQUY_LOG(nColloquy::sTraceTag_, "thread", "from thread");
+    }).join();
+    for (nLog::cCapture const* c : {&capture, &inner}) {
+        ASSERT_EQ(c->records().size(), c == &inner ? 1u : 5u);
+        EXPECT_EQ(c->records().back().tag + std::to_string(c->records().back().thread),
+                  "ColloquyT" + std::to_string(other));
     }
-    ASSERT_EQ(outer.records().size(), 1u);
-    EXPECT_EQ(outer.records()[0].thread, other);
     EXPECT_NE(other, nLog::gThreadId());
 }
 
@@ -90,11 +75,10 @@ std::string runProbe(std::string const& environment, std::string const& logFile)
     std::string const command = "timeout 20 env -u COLLOQUY_LOG -u COLLOQUY_LOG_FILE " + environment +
                                 " COLLOQUY_LOG_FILE='" + logFile + "' " + LOG_PROBE_PATH;
     FILE* pipe = ::popen(command.c_str(), "r");
-    if (!pipe) return "popen failed";
     std::string out;
     char buffer[256];
-    while (size_t n = std::fread(buffer, 1, sizeof buffer, pipe)) out.append(buffer, n);
-    EXPECT_EQ(::pclose(pipe), 0);
+    while (size_t n = pipe ? std::fread(buffer, 1, sizeof buffer, pipe) : 0) out.append(buffer, n);
+    EXPECT_EQ(pipe ? ::pclose(pipe) : -1, 0);
     return out;
 }
 
@@ -109,32 +93,32 @@ TEST(Log, TheEnvironmentChoosesTheTagsAndTheFile) {
     runProbe("", path);  // a second run appends
     EXPECT_EQ(gReadFile(path).size(), 2 * log.size());
     std::remove(path.c_str());
-    EXPECT_EQ(runProbe("COLLOQUY_LOG=' Trace,,ColloquyT '", path), "Trace ColloquyT \n");
+    EXPECT_EQ(runProbe("COLLOQUY_LOG=' Trace,,none,ColloquyT '", path), "Trace ColloquyT \n");
     EXPECT_NE(gReadFile(path).find("ColloquyT\tColloquyUtil\t../src/probe\t7\t"), std::string::npos);
     EXPECT_EQ(gReadFile(path).find("Error"), std::string::npos);
-    EXPECT_EQ(runProbe("COLLOQUY_LOG=Error,all", path), "Error Warning Trace Execution ColloquyT \n");
-    EXPECT_EQ(runProbe("COLLOQUY_LOG=none", path), "\n");
-    EXPECT_EQ(runProbe("", ""), "Error Warning Execution \n");  // to standard error
-    // A failing output loses the records and nothing else.
-    EXPECT_EQ(runProbe("", "/dev/full"), "Error Warning Execution \n");
     std::remove(path.c_str());
     rmdir(directory.c_str());
+    std::pair<char const*, char const*> const runs[] = {
+        {"COLLOQUY_LOG=Error,all", "Error Warning Trace Execution ColloquyT none \n"},
+        {"COLLOQUY_LOG=none", "\n"},
+        {"", "Error Warning Execution \n"}};  // to standard error, and to a failing output (records lost)
+    for (auto const& [environment, tags] : runs)
+        for (char const* file : {"", "/dev/full"}) EXPECT_EQ(runProbe(environment, file), tags) << environment;
 }
 
 TEST(KZErrorException, FormatsKnownAndUnknownMessagesAndItsPosition) {
     KZErrorException const known("loadengine.frm", 11, "k", static_cast<char const*>(nullptr));
-    EXPECT_STREQ(known.what(), "Key 'k' does not exist in: %2");  // a placeholder without an argument stays
-    EXPECT_EQ(known.vGetErrorMsg_iKZException(), RWCString(known.what()));
     KZErrorException const other("other.frm", 3, "x", "y", static_cast<char const*>(nullptr));
-    EXPECT_STREQ(other.what(), "other.frm message 3: x: y");
+    n_debug::cBrokenModuleException const broken(n_debug::nCoreError::gPosition("mod.cpp", 42), "broken");
     RWCString trace;
     other.vStackTrace_iKZException(trace);
-    EXPECT_EQ(trace, RWCString("other.frm(3)"));
-    n_debug::cBrokenModuleException const broken(n_debug::nCoreError::gPosition("mod.cpp", 42), "broken");
-    EXPECT_STREQ(broken.what(), "broken");
-    EXPECT_EQ(broken.vGetErrorMsg_iKZException(), RWCString("broken"));
     broken.vStackTrace_iKZException(trace);
-    EXPECT_EQ(trace, RWCString("other.frm(3)mod.cpp:42"));
+    // A placeholder without an argument stays.
+    EXPECT_EQ(
+        (std::vector<std::string>{known.what(), known.vGetErrorMsg_iKZException().stdString(), other.what(),
+                                  broken.what(), broken.vGetErrorMsg_iKZException().stdString(), trace.stdString()}),
+        (std::vector<std::string>{"Key 'k' does not exist in: %2", "Key 'k' does not exist in: %2",
+                                  "other.frm message 3: x: y", "broken", "broken", "other.frm(3)mod.cpp:42"}));
 }
 
 }  // namespace

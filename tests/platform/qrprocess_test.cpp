@@ -6,24 +6,22 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 namespace {
 
 using namespace nChildren;
 
 TEST(KillProcess, OwnChildrenAreEndedAndReaped) {
-    pid_t const running = gSleeper();
-    pid_t const stubborn = gSleeper(true);
-    pid_t const exited = gExitedChild();
+    pid_t const running = gSleeper(), stubborn = gSleeper(true), exited = gExitedChild();
     EXPECT_EQ(gQRPKillProcess(running), 0);
+    errno = EPERM;                            // left from an earlier call: only a failing SIGKILL may report it
     EXPECT_EQ(gQRPKillProcess(stubborn), 0);  // by SIGKILL after the grace period
     EXPECT_EQ(gQRPKillProcess(exited), 1);    // had ended already
     for (pid_t pid : {running, stubborn, exited}) EXPECT_TRUE(gReaped(pid)) << pid;
     EXPECT_EQ(gQRPKillProcess(exited), 2);  // its id is free now
-}
-
-TEST(KillProcess, IdsOfNoSingleProcess) {
-    EXPECT_EQ(gQRPKillProcess(0), 2);   // would be our own process group
-    EXPECT_EQ(gQRPKillProcess(-1), 2);  // would be every process we may signal
+    EXPECT_EQ(gQRPKillProcess(0), 2);       // would be our own process group
+    EXPECT_EQ(gQRPKillProcess(-1), 2);      // would be every process we may signal
     EXPECT_EQ(gQRPKillProcess(getpid()), 3);
 }
 
@@ -48,7 +46,13 @@ std::pair<pid_t, pid_t> gGrandchild(bool zombie) {
     return {parent, pid};
 }
 
+// Processes that are not our children, whose state /proc shows: no descriptor is left open.
 TEST(KillProcess, ProcessesThatAreNotOurChildren) {
+    auto const openFiles = [] {
+        auto const all = std::filesystem::directory_iterator("/proc/self/fd");
+        return std::distance(begin(all), end(all));
+    };
+    auto const files = openFiles();
     auto const [parent, running] = gGrandchild(false);
     ASSERT_GT(running, 0);
     EXPECT_TRUE(gAlive(running));
@@ -61,6 +65,7 @@ TEST(KillProcess, ProcessesThatAreNotOurChildren) {
     for (int i = 0; i < 200 && gAlive(zombie); ++i) usleep(10 * 1000);
     EXPECT_EQ(gQRPKillProcess(zombie), 1);
     gCleanUp(zombieParent);
+    EXPECT_EQ(openFiles(), files);
 }
 
 }  // namespace

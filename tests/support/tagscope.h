@@ -8,8 +8,8 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
-#include <ostream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 // Switches a log tag for one scope and restores its previous state.
@@ -30,24 +30,14 @@ namespace nTagScope {
 using ::TagScope;
 
 // A record's tag, line and text.
-struct Line {
-    std::string tag;
-    int line;
-    std::string text;
-    bool operator==(Line const& o) const { return tag == o.tag && line == o.line && text == o.text; }
-};
-
-inline std::ostream& operator<<(std::ostream& out, Line const& l) {
-    return out << l.tag << ':' << l.line << ':' << l.text;
-}
+using Line = std::tuple<std::string, int, std::string>;
 
 // The captured records in short form; each must come from the library's source `module`.
 inline std::vector<Line> gLines(nLog::cCapture const& capture, std::string const& module) {
     std::vector<Line> lines;
     for (nLog::cRecord const& r : capture.records()) {
-        EXPECT_EQ(r.module, "ColloquyUtil");
-        EXPECT_EQ(r.file, "../src/" + module);
-        lines.push_back({r.tag, r.line, r.text});
+        EXPECT_EQ(r.module + r.file, "ColloquyUtil../src/" + module);
+        lines.emplace_back(r.tag, r.line, r.text);
     }
     return lines;
 }

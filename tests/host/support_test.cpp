@@ -14,7 +14,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
-#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -32,13 +31,9 @@ std::string contentOf(std::string const& path) { return access(path.c_str(), F_O
 class SupportTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_FALSE(mRoot.empty());
+        ASSERT_FALSE(mScratch.path.empty());
         for (char const* dir : {"/bin", "/qr", "/work"}) mkdir((mRoot + dir).c_str(), 0755);
         useWorkingDirectory(mRoot + "/work");
-    }
-    void TearDown() override {
-        std::filesystem::current_path(mOldDirectory);
-        std::filesystem::remove_all(mRoot);
     }
     void useWorkingDirectory(std::string const& path) {
         mWork = path;
@@ -59,9 +54,9 @@ class SupportTest : public ::testing::Test {
         return lines;
     }
 
-    std::string const mRoot = gScratchDirectory("support_test");
+    ScratchScope const mScratch{"support_test"};
+    std::string const mRoot = mScratch.path;
     std::string mWork;
-    std::filesystem::path const mOldDirectory = std::filesystem::current_path();
     std::string const mHost = nCommunication::nSocket::gGetLocalHostName().stdString();
     EnvScope mPath{"PATH", (mRoot + "/bin:" + std::getenv("PATH")).c_str()}, mQr{"QR_BIN", (mRoot + "/qr").c_str()};
     TagScope mWarning{"Warning", true}, mError{"Error", true};

@@ -28,18 +28,14 @@ std::string lookUp(std::string const& name, char const* key) {
 // A scratch directory for settings files; restores the working directory and QR_BIN.
 class Settings : public ::testing::Test {
   protected:
-    void SetUp() override { ASSERT_FALSE(mDir.empty()); }
-    void TearDown() override {
-        fs::current_path(mCwd);
-        fs::remove_all(mDir);
-    }
+    void SetUp() override { ASSERT_FALSE(mScratch.path.empty()); }
     std::string write(std::string const& relative, std::string const& text) {
         fs::create_directories((mDir / relative).parent_path());
         gWriteFile(mDir / relative, text);
         return mDir / relative;
     }
-    fs::path const mDir = gScratchDirectory("envsettings_test");
-    fs::path const mCwd = fs::current_path();
+    ScratchScope const mScratch{"envsettings_test"};
+    fs::path const mDir = mScratch.path;
     EnvScope mQrBin{"QR_BIN", (mDir / "bin").c_str()};
 };
 

@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <unistd.h>
 #include <cstdio>
 #include <string>
 #include <thread>
@@ -83,8 +82,9 @@ std::string runProbe(std::string const& environment, std::string const& logFile)
 }
 
 TEST(Log, TheEnvironmentChoosesTheTagsAndTheFile) {
-    std::string const directory = gScratchDirectory("log_test"), path = directory + "/log";
-    ASSERT_FALSE(directory.empty());
+    ScratchScope const scratch("log_test");
+    std::string const path = scratch.path + "/log";
+    ASSERT_FALSE(scratch.path.empty());
     EXPECT_EQ(runProbe("", path), "Error Warning Execution \n");
     std::string const log = gReadFile(path);
     EXPECT_NE(log.find("Error\tColloquyUtil\t../src/probe\t7\t"), std::string::npos);
@@ -96,8 +96,6 @@ TEST(Log, TheEnvironmentChoosesTheTagsAndTheFile) {
     EXPECT_EQ(runProbe("COLLOQUY_LOG=' Trace,,none,ColloquyT '", path), "Trace ColloquyT \n");
     EXPECT_NE(gReadFile(path).find("ColloquyT\tColloquyUtil\t../src/probe\t7\t"), std::string::npos);
     EXPECT_EQ(gReadFile(path).find("Error"), std::string::npos);
-    std::remove(path.c_str());
-    rmdir(directory.c_str());
     std::pair<char const*, char const*> const runs[] = {
         {"COLLOQUY_LOG=Error,all", "Error Warning Trace Execution ColloquyT none \n"},
         {"COLLOQUY_LOG=none", "\n"},

@@ -40,12 +40,11 @@ inline pid_t gExitedChild() {
 }
 
 // True while `pid` exists and has not exited (a zombie counts as exited).
+// The file is one line; getline turns a read that fails because the process went away
+// meanwhile (ESRCH) into an empty line, where reading the buffer directly would throw.
 inline bool gAlive(pid_t pid) {
-    // The file is one line. getline turns a read that fails because the process went away
-    // meanwhile (ESRCH) into an empty line; reading the buffer directly would throw.
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
     std::string text;
-    std::getline(stat, text);
+    std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/stat"), text);
     size_t const close = text.rfind(')');
     return close != std::string::npos && close + 2 < text.size() && text[close + 2] != 'Z';
 }

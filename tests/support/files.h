@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -27,5 +28,21 @@ inline std::string gScratchDirectory(std::string const& name) {
     std::string pattern = "/tmp/" + name + "_XXXXXX";
     return mkdtemp(pattern.data()) ? pattern : std::string();
 }
+
+// A scratch directory for one scope: removed with its contents at the end, and the working
+// directory restored, also when the test fails half-way.
+struct ScratchScope {
+    explicit ScratchScope(std::string const& name) : path(gScratchDirectory(name)) {}
+    ~ScratchScope() {
+        std::filesystem::current_path(mOld);
+        if (!path.empty()) std::filesystem::remove_all(path);
+    }
+    ScratchScope(ScratchScope const&) = delete;
+    ScratchScope& operator=(ScratchScope const&) = delete;
+    std::string const path;
+
+  private:
+    std::filesystem::path const mOld = std::filesystem::current_path();
+};
 
 #endif

@@ -185,7 +185,11 @@ TEST_F(CollectionsTest, GrowthReserveAndRemovalWhileWalkingKeepEveryEntryOnce) {
     EXPECT_EQ(seen.size(), static_cast<size_t>(kCount - (kCount + 2) / 3));
     EXPECT_EQ((Ptrs{it(), it.value()}), Ptrs(2, nullptr));  // stays at the end
     it.reset();
-    size_t walked = 0;
+    EXPECT_EQ(it.value(&d), nullptr);  // before the first pair: nothing replaced
+    it();
+    RWCollectable* const first = it.value(nullptr);
+    EXPECT_EQ((Ptrs{it.value(first), it.value()}), (Ptrs{nullptr, first}));
+    size_t walked = 1;
     while (it()) ++walked;
     size_t pairs = 0;
     d.forEachPair([&](RWCollectable const* k, RWCollectable const* v) { pairs += d.findValue(k) == v; });

@@ -91,6 +91,12 @@ TEST_F(CollectionsTest, EqualityAndOrder) {
         EXPECT_EQ(sign(x->compareTo(y)), orders[i]) << i;
         EXPECT_EQ(sign(y->compareTo(x)), -orders[i]) << i;
     }
+    // Keyed string hashes see every byte and the length, in short and long strings alike.
+    for (size_t length : {1, 5, 9, 17, 33, 41}) {
+        std::string const text(length, 'a');
+        EXPECT_NE(hashOf(text), hashOf(text.substr(1) + "b")) << length;
+        EXPECT_NE(hashOf(text), hashOf(text + '\0')) << length;
+    }
     EXPECT_EQ(sign(one.compareTo(nullptr)), 1);
     EXPECT_EQ(one.hash(), 1u);
 

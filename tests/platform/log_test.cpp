@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <cstdio>
 #include <string>
 #include <thread>
@@ -71,7 +72,7 @@ TEST(Log, RecordsCarryTheirPositionAndTabJoinedPiecesOnEnabledTagsOnly) {
 // Runs the probe program (one record on each tag, the enabled tags printed) with the given
 // environment, its log going to `logFile`; returns its standard output.
 std::string runProbe(std::string const& environment, std::string const& logFile) {
-    std::string const command = "timeout 20 env -u COLLOQUY_LOG -u COLLOQUY_LOG_FILE " + environment +
+    std::string const command = "umask 022; timeout 20 env -u COLLOQUY_LOG -u COLLOQUY_LOG_FILE " + environment +
                                 " COLLOQUY_LOG_FILE='" + logFile + "' " + LOG_PROBE_PATH;
     FILE* pipe = ::popen(command.c_str(), "r");
     std::string out;
@@ -90,6 +91,8 @@ TEST(Log, TheEnvironmentChoosesTheTagsAndTheFile) {
     EXPECT_NE(log.find("Error\tColloquyUtil\t../src/probe\t7\t"), std::string::npos);
     EXPECT_NE(log.find("\tprobe\tExecution\n"), std::string::npos);
     EXPECT_EQ(log.find("probe\tTrace"), std::string::npos);
+    struct stat status {};
+    EXPECT_EQ(stat(path.c_str(), &status) == 0 ? status.st_mode & 0777 : 0, 0644u);
     runProbe("", path);  // a second run appends
     EXPECT_EQ(gReadFile(path).size(), 2 * log.size());
     std::remove(path.c_str());

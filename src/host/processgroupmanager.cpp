@@ -95,9 +95,10 @@ ProcessesGroupManager::ProcessesGroupManager() = default;
 
 ProcessesGroupManager::~ProcessesGroupManager() {
     // Groups still registered are forgotten without killing: their members, then the groups
-    // and names.
+    // and names (a name inserted without a group has nothing to empty).
     RWHashDictionaryIterator next(*this);
-    while (next()) static_cast<ProcessGroup*>(next.value())->clearAndDestroy();
+    while (next())
+        if (auto* const group = static_cast<ProcessGroup*>(next.value())) group->clearAndDestroy();
     clearAndDestroy();
 }
 

@@ -118,6 +118,11 @@ TEST_F(ProcessGroupTest, FlagAndTraceRecordsOfAddProcessToGroup) {
     nLog::gAppendPiece(address, static_cast<void const*>(group));
     EXPECT_EQ(lines(),
               Lines(3, {"Trace", 130, "ProcessesGroupManager::AddProcessToGroup \tflagged\t4711\t" + address}));
+    // A name the manager holds without a group (inserted as a plain key) gets none.
+    RWCString odd("odd");
+    manager.insert(new RWCollectableString(odd));
+    EXPECT_EQ(manager.AddProcessToGroup(odd, pid, 3), nullptr);
+    EXPECT_EQ(lines(), (Lines{{"Trace", 122, "ProcessesGroupManager::AddProcessToGroup already in\todd\t4711"}}));
 }
 
 TEST_F(ProcessGroupTest, KillThatTheKernelRefuses) {

@@ -62,16 +62,13 @@ class Tool {
         std::fclose(mOut);
         std::fclose(mErr);
     }
-    // The port a listener announces on its first line, waited for a bounded while.
+    // The port a listener announces on its first line.
     std::string port() {
-        std::string const prefix = "listening on port ";
         EXPECT_TRUE(awaits("\n", true));
         std::string const err = contents(mErr);
         mAnnounced = err.find('\n') + 1;
-        if (err.rfind(prefix, 0) == 0 && mAnnounced > prefix.size())
-            return err.substr(prefix.size(), mAnnounced - 1 - prefix.size());
-        ADD_FAILURE() << "no port announced: " << err;
-        return "1";
+        EXPECT_EQ(err.rfind("listening on port ", 0), 0u) << err;
+        return err.substr(18, mAnnounced - 19);
     }
     // Waits a bounded while for `text` on standard output (or standard error); true when it came.
     bool awaits(std::string const& text, bool onError = false) {
@@ -162,15 +159,19 @@ TEST(Tool, CommandsOnStandardStreams) {
     std::string pairs64, hub64 = "65 '5 $FROM '1 a";
     for (int i = 10; i < 74; ++i)
         pairs64 += "k" + std::to_string(i) + "=v\n", hub64 += " '3 k" + std::to_string(i) + " '1 v";
+    // Well-formed UTF-8 stays; every other byte outside printable ASCII is escaped on its own.
     std::string const utf8 =
-        "\"\\\x1f \x7e\x7f\xc2\x80\xc1\x80\xdf\xbf\xe0\xa0\x80\xe0\x9f\xbf\xed\x9f\xbf\xed\xa0\x80"
-        "\xef\xbf\xbf\xf0\x90\x80\x80\xf0\x8f\xbf\xbf\xf4\x8f\xbf\xbf\xf4\x90\x80\x80\xf5\xc3\xc0\xe0\xa0";
+        "\"\\\x1f "
+        "\x7e\x7f\xc2\x80\xc1\x80\xdf\xbf\xe0\xa0\x80\xe0\x9f\xbf\xed\x9f\xbf\xed\xa0\x80\xef\xbf\xbf\xe1\x80\x41"
+        "\xf0\x90\x80\x80\xf0\x8f\xbf\xbf\xf4\x8f\xbf\xbf\xf4\x90\x80\x80\xf0\x90\x41\x80\xf0\x90\x80\x41\xf5\xc3\xc0"
+        "\xe0\xa0";
     std::string const utf8Json =
-        "\\\"\\\\\\u001f "
-        "~\\u007f\xc2\x80\\u00c1\\u0080\xdf\xbf\xe0\xa0\x80\\u00e0\\u009f\\u00bf\xed\x9f\xbf\\u00ed\\u00a0"
-        "\\u0080\xef\xbf\xbf\xf0\x90\x80\x80\\u00f0\\u008f\\u00bf\\u00bf\xf4\x8f\xbf\xbf\\u00f4\\u0090\\u0080\\u0080\\u"
-        "00f5"
-        "\\u00c3\\u00c0\\u00e0\\u00a0";
+        "\\\"\\\\\\u001f ~\\u007f"
+        "\xc2\x80\\u00c1\\u0080\xdf\xbf"
+        "\xe0\xa0\x80\\u00e0\\u009f\\u00bf\xed\x9f\xbf\\u00ed\\u00a0\\u0080"
+        "\xef\xbf\xbf\\u00e1\\u0080A\xf0\x90\x80\x80\\u00f0\\u008f\\u00bf\\u00bf"
+        "\xf4\x8f\xbf\xbf\\u00f4\\u0090\\u0080\\u0080\\u00f0\\u0090A\\u0080"
+        "\\u00f0\\u0090\\u0080A\\u00f5\\u00c3\\u00c0\\u00e0\\u00a0";
     std::string const notOne = "input is not one text form ",
                       badEscape = "': a backslash starts either x and two hex digits or a second backslash";
     std::string const envelopeJson = "\"envelope\":{\"to\":\"svc@hostB\",\"from\":\"agent@hostA\",\"qType\":";
@@ -190,7 +191,6 @@ TEST(Tool, CommandsOnStandardStreams) {
         {"encode --hub a k=\\x00", "", 2, "a hub dump cannot carry NUL bytes (key 'k')"},
         {"encode", "", 2, "encode needs at least one key=value pair (an empty record does not read back)"},
         {"encode k=\\q", "", 2, "bad escape in '\\x5cq" + badEscape},
-        {"encode k=\\x4", "", 2, "bad escape in '\\x5cx4" + badEscape},
         {"encode \\x00=v", "", 2, "a key cannot hold a NUL byte"},
         {"encode kv", "", 2, "expected key=value, got 'kv'"},
         {"encode --k\nv", "", 2, "unknown option --k\\x0av"},
@@ -216,7 +216,6 @@ TEST(Tool, CommandsOnStandardStreams) {
         // convert
         {"convert --from 1252 --to 65001", "1 '1 k '1 \xe9 ", 0, "1 '1 k '2 \xc3\xa9 "},
         {"convert --from 1252", "", 2, "convert needs --from CP and --to CP"},
-        {"convert --to 1252", "", 2, "convert needs --from CP and --to CP"},
         {"convert --from 99999 --to 65001", kv, 1, "cannot convert from code page 99999 to 65001"},
         {"convert --from  --to 65001", "", 2, outside("--from", "0 to 4294967295", "")},
         {"convert --from 1 --to 4294967296", "", 2, outside("--to", "0 to 4294967295", "4294967296")},
@@ -318,7 +317,7 @@ TEST(Tool, SendWritesEachMessageWholeAndFailsWhenThePeerGoesAway) {
         {"--count 3 k=v", 3, kv},
         {"--count 3 --batch 2 k=v", 3, kv},  // a batch of 2, then one of 1
         {"--batch 1048576 --raw " + raw, 1, "a\0\xff"s},
-        {"--to svc@hostB --from agent@hostA --qtype -3 --user-value 7 k=v", 1, packed(kv)},
+        {"--to svc@hostB --from agent@hostA k=v", 1, packed(kv, 0, 0)},
         {"--count 100000000 k=v", -1, kv},
         {"--count 100000000 --batch 100 k=v", -1, kv},
     };
@@ -511,9 +510,12 @@ TEST(Tool, TapForwardsEveryByteBothWaysAndReportsWhatItCannotFrame) {
     for (size_t i = 0; i < std::size(cases); ++i) {
         Case const& c = cases[i];
         RawFd client = connectTo(tapPort), server = nStreamTest::rawAccept(listener);
-        rawSend(client, bytesOf(c.request.substr(0, 5)));  // in two pieces
-        rawSend(client, bytesOf(c.request.substr(5)));
-        EXPECT_EQ(rawReceive(server, c.request.size()), bytesOf(c.request));
+        size_t const cuts[] = {0, 5, 13, c.request.size()};  // in pieces, each forwarded before the next
+        for (size_t k = 0; k < 3; ++k) {
+            std::string const piece = c.request.substr(cuts[k], cuts[k + 1] - cuts[k]);
+            rawSend(client, bytesOf(piece));
+            EXPECT_EQ(rawReceive(server, piece.size()), bytesOf(piece));
+        }
         if (!c.reply.empty()) rawSend(server, bytesOf(c.reply));
         EXPECT_EQ(rawReceive(client, c.reply.size()), bytesOf(c.reply));
         std::string const number = std::to_string(i + 1), from = nameOf(client);
@@ -569,7 +571,8 @@ TEST(Tool, DemoBenchAndReportRun) {
     for (auto const& [batch, calls] : {std::pair{"", "one send per message: system calls per message: sender 1.0000,"},
                                        {" --batch 8", "in batches of 8: system calls per message: sender 0.1250,"}}) {
         Result const bench = tool(words("bench --size 0 --count 200"s + batch));
-        EXPECT_EQ(bench.status, 0) << bench.err;
+        EXPECT_EQ(bench.status, 0);
+        EXPECT_EQ(bench.err, "");  // no progress unless standard error is a terminal
         EXPECT_EQ(bench.out.rfind("one-way: 200 messages of 0 bytes in ", 0), 0u) << bench.out;
         EXPECT_NE(bench.out.find("\none-way " + std::string(calls)), std::string::npos) << bench.out;
         EXPECT_NE(bench.out.find(" us (200 round trips)\n"), std::string::npos) << bench.out;

@@ -475,7 +475,13 @@ TEST(Tool, ListenDropsABadConnectionInOneLineAndServesTheOthers) {
 TEST(Tool, ListenTakesPeersSendingAtOnce) {
     Tool busy(words("listen 0 --count 120 --json"));
     std::string const port = busy.port();
-    RawFd const silent = connectTo(port);
+    // A silent peer, and one announcing a message over the default --max-size.
+    RawFd const silent = connectTo(port), big = connectTo(port);
+    rawSend(big, bytesOf(header((64 << 20) + 1)));
+    EXPECT_TRUE(
+        busy.awaits("colloquy listen: " + nameOf(big) +
+                        ": peer announced a 67108865-byte message, over --max-size 67108864; connection dropped\n",
+                    true));
     std::vector<std::unique_ptr<Tool>> senders;
     for (char const* value : {"a", "b", "c"})
         senders.push_back(

@@ -115,62 +115,59 @@ std::vector<std::string> dissect(Capture const& capture, std::string const& opti
 TEST(Dissector, DecodesFramingEnvelopesRecordsAndMarksMalformedStreams) {
     ASSERT_EQ(std::system("command -v tshark >/dev/null 2>&1"), 0)
         << "tshark is missing: scripts/bootstrap installs it";
-    Capture capture;
-    // 1-3: one message split over three segments.
-    std::string const split = message(7, 9, record("ab", "xyz"));
-    capture.segment(40001, kDefaultPort, split.substr(0, 5));
-    capture.segment(40001, kDefaultPort, split.substr(5, 7));
-    capture.segment(40001, kDefaultPort, split.substr(12));
-    // 4: two messages in one segment, the second without a body, from the server's side.
-    capture.segment(kDefaultPort, 40001, message(1, -2, record("k", "v")) + message(3, 4, ""));
-    // 5: an envelope around a record with a binary value, UTF-8 text and a nested record.
-    std::string const nested = record("n", "m");
+    std::string const kv = record("k", "v"), split = message(7, 9, record("ab", "xyz")), nested = record("n", "m");
     std::string const body =
         "3 '3 bin '4 a\0b\xff '4 city '7 Z\xc3\xbcrich '4 nest '"s + std::to_string(nested.size()) + " " + nested + " ";
-    std::string const wrapped = envelope(body, 0xffffffff);  // packs the user value as "-1"
-    capture.segment(40002, kDefaultPort, message(5, 6, wrapped));
-    // 6-7: a header announcing a negative length, then more bytes of the same direction.
-    capture.segment(40003, kDefaultPort, header(-5, 1, 1) + "junk");
-    capture.segment(40003, kDefaultPort, message(1, 1, record("k", "v")));
-    // 8: an envelope cut inside its last field (the header agrees with the bytes sent).
-    std::string const packed = envelope(record("k", "v"), 7);
-    capture.segment(40004, kDefaultPort, message(2, 2, packed.substr(0, packed.size() - 2)));
-    // 9: an envelope whose fields end inside the first one.
-    capture.segment(40005, kDefaultPort, message(2, 2, "8 6 4 6 6 2 2 2 4 hostB"));
-    // 10: a text form whose value length runs past the end.
-    capture.segment(40006, kDefaultPort, message(2, 2, "2 '1 a '9 b "));
-    // 11: records nested four deep, shown as records down to the depth preference (2) only.
+    std::string const wrapped = envelope(body, 0xffffffff), packed = envelope(kv, 7);  // the first packs "-1"
     std::string const inner = record("c", record("d", "e")), middle = record("b", inner), deep = record("a", middle);
-    capture.segment(40007, kDefaultPort, message(2, 2, deep));
-    // 12: another port, decoded as asked ("Decode As"); 13: a port nobody asked for.
-    capture.segment(40008, 9999, message(4, 4, record("k", "v")));
-    capture.segment(40009, 9998, message(4, 4, record("k", "v")));
-
     std::string const envelopeFields =
         " to_name=svc to_host=hostB from_name=agent from_host=hostA qtype=-3 user_value=";
-    std::vector<std::string> const expected = {
-        "",
-        "",
-        "length=15 type=7 subtype=9 count=1 key=ab value=xyz",
-        "length=12|0 type=1|3 subtype=-2|4 count=1 key=k value=v",
-        "length=" + std::to_string(wrapped.size()) + " type=5 subtype=6" + envelopeFields +
-            "4294967295 format_stamp=352 count=3|1 key=bin|city|nest|n value=a\\x00b\\xff|Z\xc3\xbcrich|" + nested +
-            "|m depth=1",
-        "length=-5 type=1 subtype=1 raw=6a756e6b expert=a body of -5 bytes (0 to 67108864 allowed): the stream cannot "
-        "be framed from here on",
-        "raw=0000000c0001000131202731206b202731207620 expert=this direction could not be framed since frame 6",
-        // raw "35": the start of the format stamp "352"
-        "length=" + std::to_string(packed.size() - 2) + " type=2 subtype=2" + envelopeFields +
-            "7 count=1 key=k value=v raw=3335 expert=malformed envelope: field 7 announces 4 bytes, 2 left",
-        "length=23 type=2 subtype=2 raw=686f737442 expert=malformed envelope: field 0 announces 6 bytes, 5 left",
-        "length=12 type=2 subtype=2 raw=322027312061202739206220 expert=bad record text form at byte 7: pair 1: the "
-        "value length 9 runs past the end (2 bytes left)",
-        "length=" + std::to_string(deep.size()) + " type=2 subtype=2 count=1|1|1 key=a|b|c value=" + middle + "|" +
-            inner + "|" + record("d", "e") +
-            " depth=1|2 expert=records nested deeper than 2 levels are shown as values",
-        "length=12 type=4 subtype=4 count=1 key=k value=v",
-        "",
+    struct Segment {
+        uint16_t from, to;
+        std::string payload, decoded;  // the frame as dissect() shows it
+    } const segments[] = {
+        // one message split over three segments
+        {40001, kDefaultPort, split.substr(0, 5), ""},
+        {40001, kDefaultPort, split.substr(5, 7), ""},
+        {40001, kDefaultPort, split.substr(12), "length=15 type=7 subtype=9 count=1 key=ab value=xyz"},
+        // two messages in one segment, the second without a body, from the server's side
+        {kDefaultPort, 40001, message(1, -2, kv) + message(3, 4, ""),
+         "length=12|0 type=1|3 subtype=-2|4 count=1 key=k value=v"},
+        // an envelope around a record with a binary value, UTF-8 text and a nested record
+        {40002, kDefaultPort, message(5, 6, wrapped),
+         "length=" + std::to_string(wrapped.size()) + " type=5 subtype=6" + envelopeFields +
+             "4294967295 format_stamp=352 count=3|1 key=bin|city|nest|n value=a\\x00b\\xff|Z\xc3\xbcrich|" + nested +
+             "|m depth=1"},
+        // a header announcing a negative length, then more bytes of the same direction
+        {40003, kDefaultPort, header(-5, 1, 1) + "junk",
+         "length=-5 type=1 subtype=1 raw=6a756e6b expert=a body of -5 bytes (0 to 67108864 allowed): the stream "
+         "cannot be framed from here on"},
+        {40003, kDefaultPort, message(1, 1, kv),
+         "raw=0000000c0001000131202731206b202731207620 expert=this direction could not be framed since frame 6"},
+        // an envelope cut inside its last field (the header agrees with the bytes sent): raw "35" is
+        // the start of the format stamp "352"
+        {40004, kDefaultPort, message(2, 2, packed.substr(0, packed.size() - 2)),
+         "length=" + std::to_string(packed.size() - 2) + " type=2 subtype=2" + envelopeFields +
+             "7 count=1 key=k value=v raw=3335 expert=malformed envelope: field 7 announces 4 bytes, 2 left"},
+        // an envelope whose fields end inside the first one
+        {40005, kDefaultPort, message(2, 2, "8 6 4 6 6 2 2 2 4 hostB"),
+         "length=23 type=2 subtype=2 raw=686f737442 expert=malformed envelope: field 0 announces 6 bytes, 5 left"},
+        // a text form whose value length runs past the end
+        {40006, kDefaultPort, message(2, 2, "2 '1 a '9 b "),
+         "length=12 type=2 subtype=2 raw=322027312061202739206220 expert=bad record text form at byte 7: pair 1: "
+         "the value length 9 runs past the end (2 bytes left)"},
+        // records nested four deep, shown as records down to the depth preference (2) only
+        {40007, kDefaultPort, message(2, 2, deep),
+         "length=" + std::to_string(deep.size()) + " type=2 subtype=2 count=1|1|1 key=a|b|c value=" + middle + "|" +
+             inner + "|" + record("d", "e") +
+             " depth=1|2 expert=records nested deeper than 2 levels are shown as values"},
+        // another port, decoded as asked ("Decode As"); then a port nobody asked for
+        {40008, 9999, message(4, 4, kv), "length=12 type=4 subtype=4 count=1 key=k value=v"},
+        {40009, 9998, message(4, 4, kv), ""},
     };
+    Capture capture;
+    std::vector<std::string> expected;
+    for (Segment const& s : segments) capture.segment(s.from, s.to, s.payload), expected.push_back(s.decoded);
     EXPECT_EQ(dissect(capture, "-o colloquy.max_depth:2 -d tcp.port==9999,colloquy"), expected);
 }
 

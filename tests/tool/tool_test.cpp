@@ -11,10 +11,8 @@
 #include <climits>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <map>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>

@@ -9,10 +9,8 @@
 #include <unistd.h>
 #include <cstdint>
 #include <cstdio>
-#include <map>
-#include <sstream>
+#include <cstring>
 #include <string>
-#include <utility>
 #include <vector>
 
 using namespace std::string_literals;
@@ -21,98 +19,42 @@ namespace {
 
 constexpr uint16_t kDefaultPort = 7870;  // the dissector's default port preference
 
-void putBig(std::string& out, uint64_t value, int bytes) {
-    for (int i = bytes - 1; i >= 0; --i) out.push_back(static_cast<char>(value >> (8 * i)));
+void put(std::string& out, uint64_t value, int bytes, bool big = true) {
+    for (int i = 0; i < bytes; ++i) out.push_back(static_cast<char>(value >> (8 * (big ? bytes - 1 - i : i))));
 }
 
-void putLittle(std::string& out, uint32_t value, int bytes) {
-    for (int i = 0; i < bytes; ++i) out.push_back(static_cast<char>(value >> (8 * i)));
-}
-
-uint16_t internetChecksum(std::string const& bytes) {
-    uint32_t sum = 0;
-    for (size_t i = 0; i < bytes.size(); i += 2) {
-        uint32_t word = static_cast<uint32_t>(static_cast<unsigned char>(bytes[i])) << 8;
-        if (i + 1 < bytes.size()) word |= static_cast<unsigned char>(bytes[i + 1]);
-        sum += word;
-    }
-    while (sum >> 16) sum = (sum & 0xffff) + (sum >> 16);
-    return static_cast<uint16_t>(~sum);
-}
-
-// A classic pcap file of Ethernet frames, each carrying one TCP segment from 10.0.0.1 to
-// 10.0.0.2; each (source port, destination port) is one stream with its own sequence numbers.
-class Capture {
-  public:
-    void segment(uint16_t sourcePort, uint16_t destinationPort, std::string const& payload) {
-        uint32_t& seq = mNextSeq.try_emplace(std::make_pair(sourcePort, destinationPort), 1000).first->second;
-        std::string tcp;
-        putBig(tcp, sourcePort, 2);
-        putBig(tcp, destinationPort, 2);
-        putBig(tcp, seq, 4);
-        putBig(tcp, 1, 4);       // acknowledgement number
-        putBig(tcp, 0x5018, 2);  // 20-byte header; PSH, ACK
-        putBig(tcp, 65535, 2);   // window
-        putBig(tcp, 0, 4);       // checksum (below), urgent pointer
-        tcp += payload;
+// A classic pcap file of Ethernet frames, each carrying one TCP segment from 10.0.0.1 to 10.0.0.2.
+// The sequence numbers run on over all segments, so those of one stream follow each other; the
+// checksums stay 0, which tshark does not check by default.
+struct Capture {
+    std::string file = "\xd4\xc3\xb2\xa1\x02\0\x04\0\0\0\0\0\0\0\0\0\xff\xff\0\0\x01\0\0\0"s;  // 2.4, Ethernet
+    uint32_t seq = 1000;
+    void segment(uint16_t from, uint16_t to, std::string const& payload) {
+        std::string frame = "\x02\0\0\0\0\x02\x02\0\0\0\0\x01\x08\0\x45\0"s;  // Ethernet, IPv4
+        put(frame, 40 + payload.size(), 2);
+        put(frame, 0x400040060000, 8);  // no fragments, TTL 64, TCP, checksum 0
+        put(frame, 0x0a0000010a000002, 8);
+        put(frame, (uint64_t{from} << 16) | to, 4);
+        put(frame, (uint64_t{seq} << 32) | 1, 8);  // sequence and acknowledgement numbers
+        put(frame, 0x5018ffff00000000, 8);         // 20-byte header, PSH and ACK, window
+        put(file, 1700000000, 8, false);
+        put(file, (frame.size() + payload.size()) * 0x100000001, 8, false);  // captured and original length
+        file += frame + payload;
         seq += static_cast<uint32_t>(payload.size());
-        std::string const source("\x0a\x00\x00\x01", 4), destination("\x0a\x00\x00\x02", 4);
-        std::string pseudo = source + destination;
-        putBig(pseudo, 6, 2);
-        putBig(pseudo, tcp.size(), 2);
-        uint16_t const tcpSum = internetChecksum(pseudo + tcp);
-        tcp[16] = static_cast<char>(tcpSum >> 8);
-        tcp[17] = static_cast<char>(tcpSum);
-
-        std::string ip;
-        putBig(ip, 0x4500, 2);
-        putBig(ip, 20 + tcp.size(), 2);
-        putBig(ip, 0, 2);       // identification
-        putBig(ip, 0x4000, 2);  // don't fragment
-        putBig(ip, 0x4006, 2);  // TTL 64, TCP
-        putBig(ip, 0, 2);       // checksum (below)
-        ip += source + destination;
-        uint16_t const ipSum = internetChecksum(ip);
-        ip[10] = static_cast<char>(ipSum >> 8);
-        ip[11] = static_cast<char>(ipSum);
-
-        std::string const ethernet = std::string("\x02\x00\x00\x00\x00\x02\x02\x00\x00\x00\x00\x01\x08\x00", 14);
-        mFrames.push_back(ethernet + ip + tcp);
     }
-    std::string file() const {
-        std::string out;
-        putLittle(out, 0xa1b2c3d4, 4);
-        putLittle(out, 2, 2);  // version 2.4
-        putLittle(out, 4, 2);
-        putLittle(out, 0, 4);  // time zone, accuracy
-        putLittle(out, 0, 4);
-        putLittle(out, 65535, 4);  // snapshot length
-        putLittle(out, 1, 4);      // Ethernet
-        for (size_t i = 0; i < mFrames.size(); ++i) {
-            putLittle(out, static_cast<uint32_t>(1700000000 + i), 4);
-            putLittle(out, 0, 4);
-            putLittle(out, static_cast<uint32_t>(mFrames[i].size()), 4);
-            putLittle(out, static_cast<uint32_t>(mFrames[i].size()), 4);
-            out += mFrames[i];
-        }
-        return out;
-    }
-
-  private:
-    std::map<std::pair<uint16_t, uint16_t>, uint32_t> mNextSeq;
-    std::vector<std::string> mFrames;
 };
 
 // One message on the stream: the 8-byte header (big-endian length, type, subtype), then the body.
-std::string message(short type, short subType, std::string const& body, int32_t length) {
+std::string header(int32_t length, short type, short subType) {
     std::string out;
-    putBig(out, static_cast<uint32_t>(length), 4);
-    putBig(out, static_cast<uint16_t>(type), 2);
-    putBig(out, static_cast<uint16_t>(subType), 2);
-    return out + body;
+    put(out,
+        (uint64_t{static_cast<uint32_t>(length)} << 32) | (uint32_t{static_cast<uint16_t>(type)} << 16) |
+            static_cast<uint16_t>(subType),
+        8);
+    return out;
 }
 std::string message(short type, short subType, std::string const& body) {
-    return message(type, subType, body, static_cast<int32_t>(body.size()));
+    return header(static_cast<int32_t>(body.size()), type, subType) + body;
 }
 
 // A packed envelope as the library packs it.
@@ -127,192 +69,106 @@ std::string record(std::string const& key, std::string const& value) {
     return "1 '" + std::to_string(key.size()) + " " + key + " '" + std::to_string(value.size()) + " " + value + " ";
 }
 
-// The fields tshark prints for each frame.
-std::vector<std::string> const kFields = {"colloquy.length",
-                                          "colloquy.type",
-                                          "colloquy.subtype",
-                                          "colloquy.envelope.to_name",
-                                          "colloquy.envelope.to_host",
-                                          "colloquy.envelope.from_name",
-                                          "colloquy.envelope.from_host",
-                                          "colloquy.envelope.qtype",
-                                          "colloquy.envelope.user_value",
-                                          "colloquy.envelope.format_stamp",
-                                          "colloquy.record.count",
-                                          "colloquy.key",
-                                          "colloquy.value",
-                                          "colloquy.record.depth",
-                                          "colloquy.raw",
-                                          "_ws.expert.message"};
-
-using Decoded = std::map<std::string, std::string>;  // field -> values joined by '|', non-empty only
-
-struct Dissection {
-    std::vector<Decoded> frames;
-    std::string err;
-};
-
-std::string shellQuoted(std::string const& text) {
-    std::string out = "'";
-    for (char c : text) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return out + "'";
-}
-
-// tshark with the dissector on `capture`; `options` are added to its command line.
-Dissection tshark(Capture const& capture, std::string const& options) {
-    std::string const dir = gScratchDirectory("colloquy_dissector");
-    EXPECT_FALSE(dir.empty());
-    std::string const pcap = dir + "/capture.pcap", err = dir + "/stderr.txt";
-    gWriteFile(pcap, capture.file());
-    std::string command = "tshark -n -r " + shellQuoted(pcap) +
-                          " -X lua_script:" + shellQuoted(COLLOQUY_DISSECTOR_PATH) + " " + options +
-                          " -T fields -E header=n -E occurrence=a -E aggregator='|'";
-    for (auto const& field : kFields) command += " -e " + field;
-    command += " 2>" + shellQuoted(err);
-    Dissection run;
-    std::string out;
-    if (FILE* pipe = popen(command.c_str(), "r")) {
-        char buffer[4096];
-        for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, n);
-        EXPECT_EQ(pclose(pipe), 0) << command;
+// Each frame as tshark decodes it with the dissector and `options`: "field=value ..." for the
+// fields that have values (several joined by '|'), a field named by the last part of its name.
+std::vector<std::string> dissect(Capture const& capture, std::string const& options) {
+    std::string const dir = gScratchDirectory("colloquy_dissector"), pcap = dir + "/capture.pcap";
+    gWriteFile(pcap, capture.file);
+    std::vector<std::string> fields = {"length",
+                                       "type",
+                                       "subtype",
+                                       "envelope.to_name",
+                                       "envelope.to_host",
+                                       "envelope.from_name",
+                                       "envelope.from_host",
+                                       "envelope.qtype",
+                                       "envelope.user_value",
+                                       "envelope.format_stamp",
+                                       "record.count",
+                                       "key",
+                                       "value",
+                                       "record.depth",
+                                       "raw"};
+    std::string command = "tshark -n -r " + pcap + " -X lua_script:" COLLOQUY_DISSECTOR_PATH " " + options +
+                          " -T fields -E occurrence=a -E aggregator='|'";
+    for (auto& field : fields) command += " -e colloquy." + field, field.erase(0, field.find('.') + 1);
+    command += " -e _ws.expert.message";
+    fields.push_back("expert");
+    std::vector<std::string> frames;
+    FILE* const pipe = popen((command + " 2>&1").c_str(), "r");
+    char buffer[8192];
+    while (pipe && std::fgets(buffer, sizeof buffer, pipe)) {
+        std::string const line(buffer, std::strcspn(buffer, "\n"));
+        if (line.rfind("Running as user \"root\"", 0) == 0) continue;  // tshark's warning; any other shows
+        std::string frame;
+        for (size_t i = 0, at = 0, end = 0; end != std::string::npos; ++i, at = end + 1) {
+            std::string const value = line.substr(at, (end = line.find('\t', at)) - at);
+            if (!value.empty()) frame += (frame.empty() ? "" : " ") + fields.at(i) + "=" + value;
+        }
+        frames.push_back(frame);
     }
-    // tshark warns when it runs as root; anything else on standard error is a fault.
-    std::istringstream errLines(gReadFile(err));
-    for (std::string line; std::getline(errLines, line);)
-        if (line.rfind("Running as user \"root\"", 0) != 0) run.err += line + "\n";
-    std::remove(pcap.c_str());
-    std::remove(err.c_str());
-    rmdir(dir.c_str());
-
-    std::istringstream lines(out);
-    for (std::string line; std::getline(lines, line);) {
-        Decoded frame;
-        std::istringstream values(line);
-        std::string value;
-        for (size_t i = 0; std::getline(values, value, '\t'); ++i)
-            if (!value.empty() && i < kFields.size()) frame[kFields[i]] = value;
-        run.frames.push_back(frame);
-    }
-    return run;
+    EXPECT_EQ(pipe ? pclose(pipe) : -1, 0) << command;
+    EXPECT_EQ(std::remove(pcap.c_str()) | rmdir(dir.c_str()), 0);
+    return frames;
 }
-
-bool haveTshark() { return std::system("command -v tshark >/dev/null 2>&1") == 0; }
 
 TEST(Dissector, DecodesFramingEnvelopesRecordsAndMarksMalformedStreams) {
-    ASSERT_TRUE(haveTshark()) << "tshark is missing: scripts/bootstrap installs it";
-    Capture capture;
-    // 1-3: one message split over three segments.
-    std::string const split = message(7, 9, record("ab", "xyz"));
-    capture.segment(40001, kDefaultPort, split.substr(0, 5));
-    capture.segment(40001, kDefaultPort, split.substr(5, 7));
-    capture.segment(40001, kDefaultPort, split.substr(12));
-    // 4: two messages in one segment, the second without a body, from the server's side.
-    capture.segment(kDefaultPort, 40001, message(1, -2, record("k", "v")) + message(3, 4, ""));
-    // 5: an envelope around a record with a binary value, UTF-8 text and a nested record.
-    std::string const nested = record("n", "m");
+    ASSERT_EQ(std::system("command -v tshark >/dev/null 2>&1"), 0)
+        << "tshark is missing: scripts/bootstrap installs it";
+    std::string const kv = record("k", "v"), split = message(7, 9, record("ab", "xyz")), nested = record("n", "m");
     std::string const body =
         "3 '3 bin '4 a\0b\xff '4 city '7 Z\xc3\xbcrich '4 nest '"s + std::to_string(nested.size()) + " " + nested + " ";
-    std::string const wrapped = envelope(body, 0xffffffff);  // packs the user value as "-1"
-    capture.segment(40002, kDefaultPort, message(5, 6, wrapped));
-    // 6-7: a header announcing a negative length, then more bytes of the same direction.
-    capture.segment(40003, kDefaultPort, message(1, 1, "junk", -5));
-    capture.segment(40003, kDefaultPort, message(1, 1, record("k", "v")));
-    // 8: an envelope cut inside its last field (the header agrees with the bytes sent).
-    std::string const packed = envelope(record("k", "v"), 7);
-    capture.segment(40004, kDefaultPort, message(2, 2, packed.substr(0, packed.size() - 2)));
-    // 9: an envelope whose fields end inside the first one.
-    capture.segment(40005, kDefaultPort, message(2, 2, "8 6 4 6 6 2 2 2 4 hostB"));
-    // 10: a text form whose value length runs past the end.
-    capture.segment(40006, kDefaultPort, message(2, 2, "2 '1 a '9 b "));
-    // 11: records nested four deep, shown as records down to the depth preference (2) only.
-    std::string const deepest = record("d", "e");
-    capture.segment(40007, kDefaultPort, message(2, 2, record("a", record("b", record("c", deepest)))));
-    // 12: another port, decoded as asked ("Decode As"); 13: a port nobody asked for.
-    capture.segment(40008, 9999, message(4, 4, record("k", "v")));
-    capture.segment(40009, 9998, message(4, 4, record("k", "v")));
-
-    Dissection const run = tshark(capture, "-o colloquy.max_depth:2 -d tcp.port==9999,colloquy");
-    EXPECT_EQ(run.err, "");
-    std::vector<Decoded> const expected = {
-        {},
-        {},
-        {{"colloquy.length", "15"},
-         {"colloquy.type", "7"},
-         {"colloquy.subtype", "9"},
-         {"colloquy.record.count", "1"},
-         {"colloquy.key", "ab"},
-         {"colloquy.value", "xyz"}},
-        {{"colloquy.length", "12|0"},
-         {"colloquy.type", "1|3"},
-         {"colloquy.subtype", "-2|4"},
-         {"colloquy.record.count", "1"},
-         {"colloquy.key", "k"},
-         {"colloquy.value", "v"}},
-        {{"colloquy.length", std::to_string(wrapped.size())},
-         {"colloquy.type", "5"},
-         {"colloquy.subtype", "6"},
-         {"colloquy.envelope.to_name", "svc"},
-         {"colloquy.envelope.to_host", "hostB"},
-         {"colloquy.envelope.from_name", "agent"},
-         {"colloquy.envelope.from_host", "hostA"},
-         {"colloquy.envelope.qtype", "-3"},
-         {"colloquy.envelope.user_value", "4294967295"},
-         {"colloquy.envelope.format_stamp", "352"},
-         {"colloquy.record.count", "3|1"},
-         {"colloquy.record.depth", "1"},
-         {"colloquy.key", "bin|city|nest|n"},
-         {"colloquy.value", "a\\x00b\\xff|Z\xc3\xbcrich|" + nested + "|m"}},
-        {{"colloquy.length", "-5"},
-         {"colloquy.type", "1"},
-         {"colloquy.subtype", "1"},
-         {"colloquy.raw", "6a756e6b"},
-         {"_ws.expert.message",
-          "a body of -5 bytes (0 to 67108864 allowed): the stream cannot be framed from here on"}},
-        {{"colloquy.raw", "0000000c0001000131202731206b202731207620"},
-         {"_ws.expert.message", "this direction could not be framed since frame 6"}},
-        {{"colloquy.length", std::to_string(packed.size() - 2)},
-         {"colloquy.type", "2"},
-         {"colloquy.subtype", "2"},
-         {"colloquy.envelope.to_name", "svc"},
-         {"colloquy.envelope.to_host", "hostB"},
-         {"colloquy.envelope.from_name", "agent"},
-         {"colloquy.envelope.from_host", "hostA"},
-         {"colloquy.envelope.qtype", "-3"},
-         {"colloquy.envelope.user_value", "7"},
-         {"colloquy.record.count", "1"},
-         {"colloquy.key", "k"},
-         {"colloquy.value", "v"},
-         {"colloquy.raw", "3335"},  // "35", the start of the format stamp "352"
-         {"_ws.expert.message", "malformed envelope: field 7 announces 4 bytes, 2 left"}},
-        {{"colloquy.length", "23"},
-         {"colloquy.type", "2"},
-         {"colloquy.subtype", "2"},
-         {"colloquy.raw", "686f737442"},
-         {"_ws.expert.message", "malformed envelope: field 0 announces 6 bytes, 5 left"}},
-        {{"colloquy.length", "12"},
-         {"colloquy.type", "2"},
-         {"colloquy.subtype", "2"},
-         {"colloquy.raw", "322027312061202739206220"},
-         {"_ws.expert.message",
-          "bad record text form at byte 7: pair 1: the value length 9 runs past the end (2 bytes left)"}},
-        {{"colloquy.length", std::to_string(record("a", record("b", record("c", deepest))).size())},
-         {"colloquy.type", "2"},
-         {"colloquy.subtype", "2"},
-         {"colloquy.record.count", "1|1|1"},
-         {"colloquy.record.depth", "1|2"},
-         {"colloquy.key", "a|b|c"},
-         {"colloquy.value", record("b", record("c", deepest)) + "|" + record("c", deepest) + "|" + deepest},
-         {"_ws.expert.message", "records nested deeper than 2 levels are shown as values"}},
-        {{"colloquy.length", "12"},
-         {"colloquy.type", "4"},
-         {"colloquy.subtype", "4"},
-         {"colloquy.record.count", "1"},
-         {"colloquy.key", "k"},
-         {"colloquy.value", "v"}},
-        {},
+    std::string const wrapped = envelope(body, 0xffffffff), packed = envelope(kv, 7);  // the first packs "-1"
+    std::string const inner = record("c", record("d", "e")), middle = record("b", inner), deep = record("a", middle);
+    std::string const envelopeFields =
+        " to_name=svc to_host=hostB from_name=agent from_host=hostA qtype=-3 user_value=";
+    struct Segment {
+        uint16_t from, to;
+        std::string payload, decoded;  // the frame as dissect() shows it
+    } const segments[] = {
+        // one message split over three segments
+        {40001, kDefaultPort, split.substr(0, 5), ""},
+        {40001, kDefaultPort, split.substr(5, 7), ""},
+        {40001, kDefaultPort, split.substr(12), "length=15 type=7 subtype=9 count=1 key=ab value=xyz"},
+        // two messages in one segment, the second without a body, from the server's side
+        {kDefaultPort, 40001, message(1, -2, kv) + message(3, 4, ""),
+         "length=12|0 type=1|3 subtype=-2|4 count=1 key=k value=v"},
+        // an envelope around a record with a binary value, UTF-8 text and a nested record
+        {40002, kDefaultPort, message(5, 6, wrapped),
+         "length=" + std::to_string(wrapped.size()) + " type=5 subtype=6" + envelopeFields +
+             "4294967295 format_stamp=352 count=3|1 key=bin|city|nest|n value=a\\x00b\\xff|Z\xc3\xbcrich|" + nested +
+             "|m depth=1"},
+        // a header announcing a negative length, then more bytes of the same direction
+        {40003, kDefaultPort, header(-5, 1, 1) + "junk",
+         "length=-5 type=1 subtype=1 raw=6a756e6b expert=a body of -5 bytes (0 to 67108864 allowed): the stream "
+         "cannot be framed from here on"},
+        {40003, kDefaultPort, message(1, 1, kv),
+         "raw=0000000c0001000131202731206b202731207620 expert=this direction could not be framed since frame 6"},
+        // an envelope cut inside its last field (the header agrees with the bytes sent): raw "35" is
+        // the start of the format stamp "352"
+        {40004, kDefaultPort, message(2, 2, packed.substr(0, packed.size() - 2)),
+         "length=" + std::to_string(packed.size() - 2) + " type=2 subtype=2" + envelopeFields +
+             "7 count=1 key=k value=v raw=3335 expert=malformed envelope: field 7 announces 4 bytes, 2 left"},
+        // an envelope whose fields end inside the first one
+        {40005, kDefaultPort, message(2, 2, "8 6 4 6 6 2 2 2 4 hostB"),
+         "length=23 type=2 subtype=2 raw=686f737442 expert=malformed envelope: field 0 announces 6 bytes, 5 left"},
+        // a text form whose value length runs past the end
+        {40006, kDefaultPort, message(2, 2, "2 '1 a '9 b "),
+         "length=12 type=2 subtype=2 raw=322027312061202739206220 expert=bad record text form at byte 7: pair 1: "
+         "the value length 9 runs past the end (2 bytes left)"},
+        // records nested four deep, shown as records down to the depth preference (2) only
+        {40007, kDefaultPort, message(2, 2, deep),
+         "length=" + std::to_string(deep.size()) + " type=2 subtype=2 count=1|1|1 key=a|b|c value=" + middle + "|" +
+             inner + "|" + record("d", "e") +
+             " depth=1|2 expert=records nested deeper than 2 levels are shown as values"},
+        // another port, decoded as asked ("Decode As"); then a port nobody asked for
+        {40008, 9999, message(4, 4, kv), "length=12 type=4 subtype=4 count=1 key=k value=v"},
+        {40009, 9998, message(4, 4, kv), ""},
     };
-    ASSERT_EQ(run.frames.size(), expected.size());
-    for (size_t i = 0; i < expected.size(); ++i) EXPECT_EQ(run.frames[i], expected[i]) << "frame " << i + 1;
+    Capture capture;
+    std::vector<std::string> expected;
+    for (Segment const& s : segments) capture.segment(s.from, s.to, s.payload), expected.push_back(s.decoded);
+    EXPECT_EQ(dissect(capture, "-o colloquy.max_depth:2 -d tcp.port==9999,colloquy"), expected);
 }
 
 }  // namespace

@@ -1,30 +1,37 @@
 // The colloquy tool end to end: real processes, files on its standard streams, loopback sockets.
 #include "files.h"
 #include "msghdr.h"
+#include "netmsg.h"
 #include "streamtest.h"
 
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
 #include <unistd.h>
-#include <algorithm>
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <map>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
+using namespace std::string_literals;
+
 namespace {
+
+using nStreamTest::bytesOf;
+using nStreamTest::RawFd;
+using nStreamTest::rawReceive;
+using nStreamTest::rawSend;
 
 struct Result {
     int status;  // exit status, or 128 + signal
     std::string out, err;
 };
 
-std::string gContents(FILE* file) { return gReadFile("/proc/self/fd/" + std::to_string(fileno(file))); }
+std::string contents(FILE* file) { return gReadFile("/proc/self/fd/" + std::to_string(fileno(file))); }
 
 // The tool as a child process reading `input` and writing into temporary files; an alarm set
 // before exec ends it should it hang.
@@ -38,8 +45,7 @@ class Tool {
         std::vector<char*> argv;
         for (std::string& arg : args) argv.push_back(arg.data());
         argv.push_back(nullptr);
-        mPid = fork();
-        if (mPid == 0) {
+        if ((mPid = fork()) == 0) {
             dup2(fileno(in), 0);
             dup2(fileno(mOut), 1);
             dup2(fileno(mErr), 2);
@@ -54,25 +60,18 @@ class Tool {
         std::fclose(mOut);
         std::fclose(mErr);
     }
-    // The port a listener announces on its first line, waited for a bounded while.
+    // The port a listener announces on its first line.
     std::string port() {
-        std::string const prefix = "listening on port ";
-        std::string err;
-        for (int i = 0; i < 1000 && (mAnnounced = err.find('\n') + 1) == 0; ++i) {
-            usleep(10 * 1000);
-            err = gContents(mErr);
-        }
-        if (err.rfind(prefix, 0) == 0 && mAnnounced > prefix.size())
-            return err.substr(prefix.size(), mAnnounced - 1 - prefix.size());
-        ADD_FAILURE() << "no port announced: " << err;
-        return "";
+        EXPECT_TRUE(awaits("\n", true));
+        std::string const err = contents(mErr);
+        mAnnounced = err.find('\n') + 1;
+        EXPECT_EQ(err.rfind("listening on port ", 0), 0u) << err;
+        return err.substr(18, mAnnounced - 19);
     }
     // Waits a bounded while for `text` on standard output (or standard error); true when it came.
     bool awaits(std::string const& text, bool onError = false) {
-        for (int i = 0; i < 1000; ++i) {
-            if (gContents(onError ? mErr : mOut).find(text) != std::string::npos) return true;
-            usleep(10 * 1000);
-        }
+        for (int i = 0; i < 1000; ++i, usleep(10 * 1000))
+            if (contents(onError ? mErr : mOut).find(text) != std::string::npos) return true;
         return false;
     }
     // Waits for the end; standard error without the line port() has read.
@@ -80,7 +79,7 @@ class Tool {
         int status = 0;
         waitpid(std::exchange(mPid, -1), &status, 0);
         int const code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        return {code, gContents(mOut), gContents(mErr).substr(mAnnounced)};
+        return {code, contents(mOut), contents(mErr).substr(mAnnounced)};
     }
 
   private:
@@ -90,38 +89,40 @@ class Tool {
     size_t mAnnounced = 0;
 };
 
+// The words of `line` between single blanks.
+std::vector<std::string> words(std::string const& line) {
+    std::vector<std::string> out;
+    for (size_t at = 0, end = 0; end != std::string::npos; at = end + 1)
+        out.push_back(line.substr(at, (end = line.find(' ', at)) - at));
+    return out;
+}
+
 Result tool(std::vector<std::string> args, std::string const& input = "") {
     return Tool(std::move(args), input).finish();
 }
 
-// Every line of `err` names the tool and holds printable ASCII only.
-void expectErrorLines(std::string const& err) {
-    EXPECT_TRUE(err.empty() || err.back() == '\n') << err;
-    for (size_t start = 0, end; start < err.size(); start = end + 1) {
-        end = err.find('\n', start);
-        std::string const line = err.substr(start, end - start);
-        EXPECT_EQ(line.rfind("colloquy", 0), 0u) << line;
-        for (unsigned char c : line) EXPECT_TRUE(c >= 0x20 && c < 0x7f) << "byte " << int(c) << " in " << line;
-    }
+void expectResult(Result const& r, int status, std::string const& out, std::string const& err) {
+    EXPECT_EQ(r.status, status);
+    EXPECT_EQ(r.out, out);
+    EXPECT_EQ(r.err, err);
 }
 
-// A failure is the given status and exactly one line on standard error, naming the tool.
-void expectOneLineFailure(Result const& r, int status) {
-    EXPECT_EQ(r.status, status) << r.err;
-    ASSERT_FALSE(r.err.empty());
-    EXPECT_EQ(r.err.find('\n'), r.err.size() - 1) << r.err;
-    expectErrorLines(r.err);
-}
-
-// A raw loopback connection to a listener, for peers that misbehave.
-int connectTo(std::string const& port) {
-    int const fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+RawFd connectTo(std::string const& port) {
+    RawFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     address.sin_port = htons(static_cast<uint16_t>(std::stoi(port)));
-    EXPECT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0) << port;
+    EXPECT_EQ(::connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0) << port;
     return fd;
+}
+
+// "127.0.0.1:PORT" of the local end of `fd`: how the tool names this peer.
+std::string nameOf(RawFd const& fd) {
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    ::getsockname(fd.get(), reinterpret_cast<sockaddr*>(&address), &length);
+    return "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
 }
 
 // The 8 header bytes of a message, `length` stored as its low 32 bits.
@@ -130,122 +131,297 @@ std::string header(long length, short type = 1, short subType = 2) {
     SSMMakeMessageHeader(length, type, subType, &h);
     return std::string(reinterpret_cast<char const*>(&h), sizeof h);
 }
-
-TEST(Tool, EncodeThenDecodeKeepsEveryByte) {
-    Result const encoded = tool({"encode", "bin=a\\x00b\\xff\\x0a", "blank= x ", "empty=", "quote='5 x"});
-    ASSERT_EQ(encoded.status, 0) << encoded.err;
-    EXPECT_EQ(encoded.out.substr(0, 2), "4 ");
-    EXPECT_EQ(encoded.out.back(), ' ');
-    Result const decoded = tool({"decode"}, encoded.out);
-    ASSERT_EQ(decoded.status, 0) << decoded.err;
-    EXPECT_EQ(decoded.out, "bin\ta\\x00b\\xff\\x0a\nblank\t x \nempty\t\nquote\t'5 x\n");
-    // Pairs on standard input, one per line, give the same record (its text form may list the
-    // pairs in another order: each process places keys by a hash keyed at random).
-    EXPECT_EQ(tool({"decode"}, tool({"encode"}, "bin=a\\x00b\\xff\\x0a\nblank= x \nempty=\nquote='5 x\n").out).out,
-              decoded.out);
-
-    // A hub dump decoded as JSON.
-    Result const json = tool({"decode", "--json"}, tool({"encode", "--hub", "agent", "mode=fast"}).out);
-    ASSERT_EQ(json.status, 0) << json.err;
-    EXPECT_EQ(json.out, "{\"$FROM\":\"agent\",\"mode\":\"fast\"}\n");
-    // UTF-8 stays readable; other bytes are escaped one by one.
-    Result const mixed = tool({"decode", "--json"}, tool({"encode", "k=\\xc3\\xa9\\xff\\x00\"\\x5c"}).out);
-    EXPECT_EQ(mixed.out, "{\"k\":\"\xc3\xa9\\u00ff\\u0000\\\"\\\\\"}\n");
+std::string framed(std::string const& body, short type = 1, short subType = 2) {
+    return header(static_cast<long>(body.size()), type, subType) + body;
 }
 
-TEST(Tool, PackUnpackAndConvert) {
-    Result const packed =
-        tool({"pack", "--to", "svc@hostB", "--from", "agent@hostA", "--qtype", "3", "--user-value", "7"},
-             tool({"encode", "k=v"}).out);
-    ASSERT_EQ(packed.status, 0) << packed.err;
-    Result const shown = tool({"unpack"}, packed.out);
-    ASSERT_EQ(shown.status, 0) << shown.err;
-    EXPECT_EQ(shown.out,
-              "to: svc@hostB\nfrom: agent@hostA\nqtype: 3\nuser value: 7\nformat: 352\nbody: 12 bytes\n"
-              "pairs: 1\n  k\tv\n");
-    // A body with bytes after its text form shows no pairs.
-    Result const junk =
-        tool({"unpack"}, tool({"pack", "--to", "svc@hostB", "--from", "agent@hostA"}, "1 '1 k '1 v x").out);
-    ASSERT_EQ(junk.status, 0) << junk.err;
-    EXPECT_EQ(junk.out.find("pairs:"), std::string::npos) << junk.out;
-    // Converting recomputes the lengths.
-    Result const converted = tool({"convert", "--from", "1252", "--to", "65001"}, "1 '1 k '1 \xe9 ");
-    ASSERT_EQ(converted.status, 0) << converted.err;
-    EXPECT_EQ(converted.out, "1 '1 k '2 \xc3\xa9 ");
+// `body` packed by the library, from agent@hostA to svc@hostB.
+std::string packed(std::string const& body, unsigned userValue = 7, int qType = -3) {
+    cColloquyMessage const m(userValue, "hostB", "svc", "hostA", "agent", static_cast<QType>(qType), 0, 0, body.data(),
+                             static_cast<unsigned>(body.size()));
+    return std::string(m.packedBuffer, m.packedLen);
 }
 
-TEST(Tool, SendInOneProcessListenInAnother) {
-    Tool listener({"listen", "0", "--count", "2", "--json"});
-    Result const sent = tool({"send", "127.0.0.1", listener.port(), "--type", "7", "--subtype", "-1", "--to", "svc@b",
-                              "--from", "agent@a", "--count", "2", "city=Z\\xc3\\xbcrich"});
-    ASSERT_EQ(sent.status, 0) << sent.err;
-    Result const heard = listener.finish();
-    ASSERT_EQ(heard.status, 0) << heard.err;
-    for (char const* part : {"{\"n\":1,", "{\"n\":2,", "\"type\":7,\"subType\":-1", "\"from\":\"agent@a\"",
-                             "\"pairs\":{\"city\":\"Z\xc3\xbcrich\"}"})
-        EXPECT_NE(heard.out.find(part), std::string::npos) << part << " in " << heard.out;
+std::string const kv = "1 '1 k '1 v ";
 
-    // In batches: the same messages, written two at a time.
-    Tool batched({"listen", "0", "--count", "3", "--json"});
-    Result const sentBatched = tool(
-        {"send", "127.0.0.1", batched.port(), "--type", "5", "--subtype", "6", "--count", "3", "--batch", "2", "k=v"});
-    ASSERT_EQ(sentBatched.status, 0) << sentBatched.err;
-    Result const heardBatched = batched.finish();
-    ASSERT_EQ(heardBatched.status, 0) << heardBatched.err;
-    for (char const* part : {"{\"n\":3,", "\"type\":5,\"subType\":6", "\"pairs\":{\"k\":\"v\"}"})
-        EXPECT_NE(heardBatched.out.find(part), std::string::npos) << part << " in " << heardBatched.out;
+// "NAME must be a whole number from RANGE, not 'TEXT'"
+std::string outside(std::string const& name, std::string const& range, std::string const& text) {
+    return name + " must be a whole number from " + range + ", not '" + text + "'";
 }
 
-TEST(Tool, ListenServesEveryPeerAtOnce) {
-    // A peer that connects and stays silent holds up nobody: the next peer's message is printed
-    // while it is still connected.
-    Tool listener({"listen", "0", "--count", "1"});
-    std::string port = listener.port();
-    nStreamTest::RawFd silent(connectTo(port));
-    ASSERT_EQ(tool({"send", "127.0.0.1", port, "--type", "1", "--subtype", "2", "k=v"}).status, 0);
-    EXPECT_TRUE(listener.awaits("message 1: 12 bytes, type 1, subtype 2\n")) << "not while a silent peer is connected";
-    EXPECT_EQ(listener.finish().status, 0);
-
-    // Over --max-connections a connection is refused in one line; those open are still served.
-    Tool full({"listen", "0", "--count", "1", "--max-connections", "1"});
-    port = full.port();
-    nStreamTest::RawFd first(connectTo(port));
-    nStreamTest::RawFd second(connectTo(port));
-    EXPECT_TRUE(full.awaits("refused, --max-connections 1 are open\n", true));
-    EXPECT_TRUE(nStreamTest::rawReceive(second, 1).empty());
-    nStreamTest::rawSend(first, nStreamTest::bytesOf(header(12) + "1 '1 k '1 v "));
-    Result const served = full.finish();
-    EXPECT_EQ(served.status, 0) << served.err;
-    EXPECT_NE(served.out.find("message 1: 12 bytes"), std::string::npos) << served.out;
-
-    // Messages of peers sending at the same time arrive whole, numbered in one sequence, none lost.
-    Tool busy({"listen", "0", "--count", "200", "--json"});
-    port = busy.port();
-    std::vector<std::unique_ptr<Tool>> senders;
-    for (char const* value : {"a", "b", "c", "d"})
-        senders.push_back(std::make_unique<Tool>(std::vector<std::string>{
-            "send", "127.0.0.1", port, "--type", "1", "--subtype", "2", "--count", "50", std::string("k=") + value}));
-    for (auto& sender : senders) EXPECT_EQ(sender->finish().status, 0);
-    Result const heard = busy.finish();
-    ASSERT_EQ(heard.status, 0) << heard.err;
-    std::map<std::string, int> perValue;
-    size_t start = 0;
-    for (int n = 1; n <= 200; ++n) {
-        size_t const end = heard.out.find('\n', start);
-        ASSERT_NE(end, std::string::npos) << "message " << n << " missing";
-        std::string const line = heard.out.substr(start, end - start);
-        start = end + 1;
-        EXPECT_EQ(line.rfind("{\"n\":" + std::to_string(n) + ",\"length\":12,", 0), 0u) << line;
-        size_t const pairs = line.find(",\"pairs\":{\"k\":\"");
-        ASSERT_NE(pairs, std::string::npos) << line;
-        EXPECT_EQ(line.substr(pairs + 16), "\"}}") << line;
-        ++perValue[line.substr(pairs + 15, 1)];
+// Commands whose work lies on their standard streams, and every command's refusals: a row gives
+// standard output on success (standard error empty) or the error line's text after
+// "colloquy COMMAND: " on failure (standard output empty).
+TEST(Tool, CommandsOnStandardStreams) {
+    std::string const envelope = packed(kv, UINT_MAX, INT_MIN), rawEnvelope = packed("a\x01");
+    std::string pairs64, hub64 = "65 '5 $FROM '1 a";
+    for (int i = 10; i < 74; ++i)
+        pairs64 += "k" + std::to_string(i) + "=v\n", hub64 += " '3 k" + std::to_string(i) + " '1 v";
+    // Well-formed UTF-8 stays; every other byte outside printable ASCII is escaped on its own.
+    std::string const utf8 =
+        "\"\\\x1f "
+        "\x7e\x7f\xc2\x80\xc1\x80\xdf\xbf\xe0\xa0\x80\xe0\x9f\xbf\xed\x9f\xbf\xed\xa0\x80\xef\xbf\xbf\xe1\x80\x41"
+        "\xf0\x90\x80\x80\xf0\x8f\xbf\xbf\xf4\x8f\xbf\xbf\xf4\x90\x80\x80\xf0\x90\x41\x80\xf0\x90\x80\x41\xf5\xc3\xc0"
+        "\xe0\xa0";
+    std::string const utf8Json =
+        "\\\"\\\\\\u001f ~\\u007f"
+        "\xc2\x80\\u00c1\\u0080\xdf\xbf"
+        "\xe0\xa0\x80\\u00e0\\u009f\\u00bf\xed\x9f\xbf\\u00ed\\u00a0\\u0080"
+        "\xef\xbf\xbf\\u00e1\\u0080A\xf0\x90\x80\x80\\u00f0\\u008f\\u00bf\\u00bf"
+        "\xf4\x8f\xbf\xbf\\u00f4\\u0090\\u0080\\u0080\\u00f0\\u0090A\\u0080"
+        "\\u00f0\\u0090\\u0080A\\u00f5\\u00c3\\u00c0\\u00e0\\u00a0";
+    std::string const notOne = "input is not one text form ",
+                      badEscape = "': a backslash starts either x and two hex digits or a second backslash";
+    std::string const envelopeJson = "\"envelope\":{\"to\":\"svc@hostB\",\"from\":\"agent@hostA\",\"qType\":";
+    std::string const send = "send h 1 --type 1 --subtype 1 ";
+    struct Case {
+        std::string args;  // split at each blank
+        std::string input;
+        int status;
+        std::string expected;  // standard output, or the error line's text
+    } const cases[] = {
+        // encode: escapes of either case, the key ends at the first '=', lines of standard input
+        {"encode k=\\x09\\x0a\\xAF\\xaf\\\\=", "", 0, "1 '1 k '6 \t\n\xaf\xaf\\= "},
+        {"encode", "k=v\r\n\n", 0, kv},
+        {"encode --hub agent b=2 a=1", "", 0, "3 '5 $FROM '5 agent '1 b '1 2 '1 a '1 1"},
+        {"encode --hub a", pairs64, 0, hub64},
+        {"encode --hub a", pairs64 + "k=v\n", 2, "--hub takes at most 64 pairs"},
+        {"encode --hub a k=\\x00", "", 2, "a hub dump cannot carry NUL bytes (key 'k')"},
+        {"encode", "", 2, "encode needs at least one key=value pair (an empty record does not read back)"},
+        {"encode k=\\q", "", 2, "bad escape in '\\x5cq" + badEscape},
+        {"encode \\x00=v", "", 2, "a key cannot hold a NUL byte"},
+        {"encode kv", "", 2, "expected key=value, got 'kv'"},
+        {"encode --k\nv", "", 2, "unknown option --k\\x0av"},
+        {"encode --hub", "", 2, "--hub needs a value"},
+        // decode: sorted escaped lines, JSON, the hub form without its last blank, every refusal
+        {"decode", "3 '1 b '2 \x1f\0 '1 a '4  ~\x7f\\ '1 c '10 0123456789 "s, 0,
+         "a\t ~\\x7f\\x5c\nb\t\\x1f\\x00\nc\t0123456789\n"},
+        {"decode --json", "2 '1 k '" + std::to_string(utf8.size()) + " " + utf8 + " '1 a '9 123456789", 0,
+         "{\"a\":\"123456789\",\"k\":\"" + utf8Json + "\"}\n"},
+        {"decode", "x", 1, notOne + "(1 bytes): it does not start with a count and a blank"},
+        {"decode", "01 '1 k '1 v ", 1, notOne + "(13 bytes): it does not start with a count and a blank"},
+        {"decode", "0 ", 1, notOne + "(2 bytes): its count is 0"},
+        {"decode", "1 1 k", 1, notOne + "(5 bytes): key 1 has no length prefix at byte 2"},
+        {"decode", "1 ' k", 1, notOne + "(5 bytes): key 1 has no length prefix at byte 3"},
+        {"decode", "1 '1 k 1 v ", 1, notOne + "(11 bytes): value 1 has no length prefix at byte 7"},
+        {"decode", "1 '2147483648 k", 1, notOne + "(15 bytes): key 1 has no length prefix at byte 14"},
+        {"decode", "1 '2147483647 k", 1, notOne + "(15 bytes): key 1 runs past the end of the input"},
+        {"decode", "1 '1 \0 '1 v "s, 1, notOne + "(12 bytes): key 1 holds a NUL byte"},
+        {"decode", "1 '1 kx'1 v ", 1, notOne + "(12 bytes): key 1 is not followed by a blank"},
+        {"decode", "1 '1 k '1 v x", 1, notOne + "(13 bytes): 1 bytes follow the last pair"},
+        {"decode", "2 '1 a '1 b '1 a '1 c ", 1, notOne + "(22 bytes): 1 pair(s) repeat an earlier key"},
+        {"decode --", "", 2, "decode reads standard input and takes no arguments"},
+        // convert
+        {"convert --from 1252 --to 65001", "1 '1 k '1 \xe9 ", 0, "1 '1 k '2 \xc3\xa9 "},
+        {"convert --from 1252", "", 2, "convert needs --from CP and --to CP"},
+        {"convert --from 99999 --to 65001", kv, 1, "cannot convert from code page 99999 to 65001"},
+        {"convert --from  --to 65001", "", 2, outside("--from", "0 to 4294967295", "")},
+        {"convert --from 1 --to 4294967296", "", 2, outside("--to", "0 to 4294967295", "4294967296")},
+        {"convert --from 1 --to 1 x", "", 2, "convert reads standard input and takes only --from and --to"},
+        // pack and unpack
+        {"pack --to svc@hostB --from agent@hostA --qtype -2147483648 --user-value 4294967295", kv, 0, envelope},
+        {"unpack", envelope, 0,
+         "to: svc@hostB\nfrom: agent@hostA\nqtype: -2147483648\nuser value: 4294967295\nformat: 352\nbody: 12 bytes\n"
+         "pairs: 1\n  k\tv\n"},
+        {"unpack --json", envelope, 0,
+         "{\"packedLength\":" + std::to_string(envelope.size()) + "," + envelopeJson +
+             "-2147483648,\"userValue\":4294967295,\"formatStamp\":352,\"bodyLength\":12},\"pairs\":{\"k\":\"v\"}}\n"},
+        {"unpack", rawEnvelope, 0,
+         "to: svc@hostB\nfrom: agent@hostA\nqtype: -3\nuser value: 7\nformat: 352\nbody: 2 bytes\n"},
+        {"unpack --json", rawEnvelope, 0,
+         "{\"packedLength\":" + std::to_string(rawEnvelope.size()) + "," + envelopeJson +
+             "-3,\"userValue\":7,\"formatStamp\":352,\"bodyLength\":2},\"body\":\"a\\u0001\"}\n"},
+        {"unpack", "8 6 4 6 6 2 2 2 4 hostB", 1, "input is not a packed message of eight fields (23 bytes)"},
+        {"unpack", "", 1, "input is not a packed message of eight fields (0 bytes)"},
+        {"unpack x", "", 2, "unpack reads standard input and takes no arguments"},
+        {"pack x", "", 2, "pack reads the body on standard input and takes no arguments"},
+        {"pack", "", 2, "pack needs --to NAME@HOST and --from NAME@HOST"},
+        {"pack --to s@h", "", 2, "--to and --from go together"},
+        {"pack --to svc --from a@h", "", 2, "--to must be NAME@HOST, not 'svc'"},
+        {"pack --to s@h --from @h", "", 2, "--from must be NAME@HOST, not '@h'"},
+        {"pack --to s@h --from a@", "", 2, "--from must be NAME@HOST, not 'a@'"},
+        {"pack --to s@h --from a@h --qtype 2147483648", "", 2,
+         outside("--qtype", "-2147483648 to 2147483647", "2147483648")},
+        {"pack --to s@h --from a@h --user-value -1", "", 2, outside("--user-value", "0 to 4294967295", "-1")},
+        // send, up to its connection
+        {"send h", "", 2, "send needs HOST and PORT"},
+        {"send h 0", "", 2, "PORT must be 1 to 65535"},
+        {"send h 65536", "", 2, outside("PORT", "0 to 65535", "65536")},
+        {"send h 1 --type 1", "", 2, "send needs --type T and --subtype S"},
+        {"send h 1 --subtype 1", "", 2, "send needs --type T and --subtype S"},
+        {"send h 1 --type -32769 --subtype 1", "", 2, outside("--type", "-32768 to 32767", "-32769")},
+        {send + "--subtype 32768", "", 2, outside("--subtype", "-32768 to 32767", "32768")},
+        {send + "--subtype 1x", "", 2, outside("--subtype", "-32768 to 32767", "1x")},
+        {send.substr(0, send.size() - 1), "", 2, "send needs key=value pairs or --raw FILE"},
+        {send + "--raw /nonexistent k=v", "", 2, "--raw FILE and key=value pairs exclude each other"},
+        {send + "--raw /nonexistent", "", 1, "cannot open /nonexistent: No such file or directory"},
+        {send + "--count 0 k=v", "", 2, outside("--count", "1 to 1099511627776", "0")},
+        {send + "--batch 1048577 k=v", "", 2, outside("--batch", "1 to 1048576", "1048577")},
+        {send + "--to s@h k=v", "", 2, "--to and --from go together"},
+        {"send 127.0.0.1 1 --type 1 --subtype 1 k=v", "", 1,
+         "connect to 127.0.0.1 port 1: Connection refused (errno 111)"},
+        // the other commands' command lines
+        {"listen", "", 2, "listen needs PORT"},
+        {"listen 65536", "", 2, outside("PORT", "0 to 65535", "65536")},
+        {"listen 0 --count -1", "", 2, outside("--count", "0 to 1099511627776", "-1")},
+        {"listen 0 --max-size 2147483648", "", 2, outside("--max-size", "0 to 2147483647", "2147483648")},
+        {"listen 0 --timeout 0", "", 2, outside("--timeout", "1 to 86400", "0")},
+        {"listen 0 --max-connections 1001", "", 2, outside("--max-connections", "1 to 1000", "1001")},
+        {"tap 0 h", "", 2, "tap needs LISTEN_PORT HOST PORT"},
+        {"tap 65536 h 1", "", 2, outside("LISTEN_PORT", "0 to 65535", "65536")},
+        {"tap 0 h 0", "", 2, outside("PORT", "1 to 65535", "0")},
+        {"tap 0 h 1 --max-size -1", "", 2, outside("--max-size", "0 to 2147483647", "-1")},
+        {"tap 0 h 1 --connections -1", "", 2, outside("--connections", "0 to 1099511627776", "-1")},
+        {"bench x", "", 2, "bench takes only --size, --count and --batch"},
+        {"bench --size 67108865", "", 2, outside("--size", "0 to 67108864", "67108865")},
+        {"bench --count 0", "", 2, outside("--count", "1 to 10000000", "0")},
+        {"bench --batch 0", "", 2, outside("--batch", "1 to 1048576", "0")},
+        {"report x", "", 2, "report takes no arguments besides --output FILE"},
+        {"report --output /nonexistent/r", "", 1, "cannot create /nonexistent/r: No such file or directory"},
+        {"demo x", "", 2, "demo takes no arguments"},
+    };
+    for (Case const& c : cases) {
+        SCOPED_TRACE(c.args + " | " + c.input.substr(0, 40));
+        std::vector<std::string> const args = words(c.args);
+        Result const r = tool(args, c.input);
+        EXPECT_EQ(r.status, c.status);
+        EXPECT_EQ(c.status ? r.err : r.out, c.status ? "colloquy " + args[0] + ": " + c.expected + "\n" : c.expected);
+        EXPECT_EQ(c.status ? r.out : r.err, "");
     }
-    EXPECT_EQ(start, heard.out.size());
-    EXPECT_EQ(perValue, (std::map<std::string, int>{{"a", 50}, {"b", 50}, {"c", 50}, {"d", 50}}));
+    // An unknown command: the error line is escaped and cut after 300 bytes (253 c's make 300).
+    std::string const c253(253, 'c'), usage = "' (colloquy --help lists them";
+    for (auto const& [name, err] : {std::pair{"fro\nb\x1b"s, "fro\\x0ab\\x1b" + usage + ")"},
+                                    {c253, c253 + usage + ")"},
+                                    {c253 + "c", c253 + "c" + usage + "..."}})
+        expectResult(tool({name}), 2, "", "colloquy: unknown command '" + err + "\n");
+    Result const help = tool({"help"});
+    EXPECT_EQ(help.out.rfind("usage: colloquy COMMAND [options]\n\ncommands:\n  demo\n", 0), 0u) << help.out;
+    expectResult(tool({}), 2, "", help.out);
+    expectResult(tool({"-h"}), 0, help.out, "");
+    Result const sendHelp = tool({"send", "k=v", "-h"});
+    EXPECT_EQ(sendHelp.out.rfind("usage: colloquy send HOST PORT --type T --subtype S [", 0), 0u) << sendHelp.out;
+    EXPECT_EQ(sendHelp.status, 0);
 }
 
-TEST(Tool, ListenDropsABadConnectionInOneLineAndGoesOn) {
+// send to a raw peer: exact bytes, one report line; a peer that resets fails it in one line.
+TEST(Tool, SendWritesEachMessageWholeAndFailsWhenThePeerGoesAway) {
+    std::string const dir = gScratchDirectory("colloquy_tool"), raw = dir + "/raw";
+    gWriteFile(raw, "a\0\xff"s);
+    struct Case {
+        std::string args;
+        int count;
+        std::string body;
+    } const cases[] = {
+        {"--count 3 k=v", 3, kv},
+        {"--count 3 --batch 2 k=v", 3, kv},  // a batch of 2, then one of 1
+        {"--batch 1048576 --raw " + raw, 1, "a\0\xff"s},
+        {"--to svc@hostB --from agent@hostA k=v", 1, packed(kv, 0, 0)},
+        {"--count 100000000 k=v", -1, kv},
+        {"--count 100000000 --batch 100 k=v", -1, kv},
+    };
+    for (Case const& c : cases) {
+        unsigned short port = 0;
+        RawFd const listener = nStreamTest::rawListener(port);
+        Tool sender(words("send 127.0.0.1 " + std::to_string(port) + " --type -32768 --subtype 32767 " + c.args));
+        std::string wire;
+        for (int i = 0; i < c.count; ++i) wire += framed(c.body, -32768, 32767);
+        RawFd peer = nStreamTest::rawAccept(listener);
+        if (c.count < 0) {
+            rawReceive(peer, 20);  // the sender is past its connection
+            peer.abort();
+            Result const r = sender.finish();
+            EXPECT_EQ(r.status, 1);
+            EXPECT_EQ(r.err.substr(0, 33) + r.err.substr(r.err.size() - 10),
+                      "colloquy send: send failed after  messages\n");
+            continue;
+        }
+        EXPECT_EQ(rawReceive(peer, wire.size() + 1), bytesOf(wire));  // then the end
+        expectResult(sender.finish(), 0, "",
+                     "sent " + std::to_string(c.count) + " message(s) of " + std::to_string(c.body.size()) +
+                         " bytes to 127.0.0.1:" + std::to_string(port) + "\n");
+    }
+    EXPECT_EQ(std::remove(raw.c_str()) | rmdir(dir.c_str()), 0);
+}
+
+std::string hexOf(std::string const& bytes) {
+    std::string out;
+    for (unsigned char c : bytes)
+        out += std::string(out.empty() ? "" : " ") + "0123456789abcdef"[c >> 4] + "0123456789abcdef"[c & 15];
+    return out;
+}
+
+// Bodies of every kind and how listen shows them: the text after "message N", the JSON members after "n".
+struct Shown {
+    std::string wire, text, json;
+};
+std::vector<Shown> shownMessages() {
+    std::vector<Shown> out;
+    auto add = [&](std::string const& body, short type, short subType, std::string const& text,
+                   std::string const& json) {
+        std::string const h = header(static_cast<long>(body.size()), type, subType),
+                          length = std::to_string(body.size());
+        out.push_back({h + body,
+                       ": " + length + " bytes, type " + std::to_string(type) + ", subtype " + std::to_string(subType) +
+                           "\n  header: " + hexOf(h) + "\n" + text,
+                       ",\"length\":" + length + ",\"type\":" + std::to_string(type) + ",\"subType\":" +
+                           std::to_string(subType) + ",\"header\":\"" + hexOf(h) + "\"" + json + "}\n"});
+    };
+    std::string const wide(257, 'y'), x255(255, 'x');
+    std::string const envelopeLine =
+        "  envelope: from agent@hostA to svc@hostB, qtype -3, user value 7, format 352, body ";
+    std::string const envelopeJson =
+        ",\"envelope\":{\"to\":\"svc@hostB\",\"from\":\"agent@hostA\",\"qType\":-3,\"userValue\":7,\"formatStamp\":352,"
+        "\"bodyLength\":";
+    add(kv, 1, 2, "  pairs: 1\n    k\tv\n", ",\"pairs\":{\"k\":\"v\"}");
+    add("", 3, -4, "", ",\"body\":\"\"");
+    add(packed("2 '1 a '1 \x01 '1 b '0  "), 5, 6, envelopeLine + "21 bytes\n  pairs: 2\n    a\t\\x01\n    b\t\n",
+        envelopeJson + "21},\"pairs\":{\"a\":\"\\u0001\",\"b\":\"\"}");
+    add(x255 + "\xff", 7, 8, "  body: " + x255 + "\\xff\n", ",\"body\":\"" + x255 + "\\u00ff\"");
+    add(wide, 7, 8, "  body: " + wide.substr(0, 256) + "...\n", ",\"body\":\"" + wide + "\"");
+    add(packed("raw"), 9, 9, envelopeLine + "3 bytes\n  body: raw\n", envelopeJson + "3},\"body\":\"raw\"");
+    return out;
+}
+
+TEST(Tool, ListenAndTapPrintEveryMessageExactly) {
+    std::vector<Shown> const shown = shownMessages();
+    // Text, one peer: the first header comes in two pieces; a peer that ends its stream between
+    // messages is closed and not reported; the next peer is served.
+    Tool listener(words("listen 0 --count 7 --max-size 257"));
+    std::string const port = listener.port();
+    RawFd peer = connectTo(port);
+    std::string expected, heard, tapped, wire;
+    rawSend(peer, bytesOf(shown[0].wire.substr(0, 3)));
+    for (size_t i = 0; i < shown.size(); ++i) {
+        rawSend(peer, bytesOf(i ? shown[i].wire : shown[0].wire.substr(3)));
+        expected += "message " + std::to_string(i + 1) + shown[i].text;
+    }
+    ::shutdown(peer.get(), SHUT_WR);
+    EXPECT_TRUE(nStreamTest::readable(peer.get()) && rawReceive(peer, 1).empty()) << "the listener kept it open";
+    rawSend(connectTo(port), bytesOf(shown[0].wire));
+    expectResult(listener.finish(), 0, expected + "message 7" + shown[0].text, "");
+
+    // JSON, through a tap that keeps bodies up to 256 bytes: listen prints every body, the tap
+    // all but the 257-byte one.
+    Tool json(words("listen 0 --count 6 --max-size 257 --json"));
+    Tool tap(words("tap 0 127.0.0.1 " + json.port() + " --connections 1 --max-size 256 --json"));
+    peer = connectTo(tap.port());
+    std::string const from = nameOf(peer);
+    for (size_t i = 0; i < shown.size(); ++i) {
+        std::string const n = "\"n\":" + std::to_string(i + 1), body = shown[i].json;
+        wire += shown[i].wire;
+        heard += "{" + n + body;
+        tapped += "{\"connection\":1,\"direction\":\"client->server\"," + n +
+                  (i == 4 ? body.substr(0, body.find(",\"body\"")) + ",\"bodyShown\":false}\n" : body);
+    }
+    rawSend(peer, bytesOf(wire));
+    peer.reset();
+    expectResult(json.finish(), 0, heard, "");
+    expectResult(tap.finish(), 0, tapped,
+                 "connection 1 from " + from + "\nconnection 1 closed: " + std::to_string(wire.size()) +
+                     " bytes to the server, 0 to the client\n");
+}
+
+TEST(Tool, ListenDropsABadConnectionInOneLineAndServesTheOthers) {
     std::string const body = header(40) + "0123456789";  // a 40-byte message that stops after 10
     enum End { kStay, kClose, kReset };
     struct Case {
@@ -253,105 +429,117 @@ TEST(Tool, ListenDropsABadConnectionInOneLineAndGoesOn) {
         End end;
         std::string reported;  // after "colloquy listen: 127.0.0.1:PORT: "
     } const cases[] = {
-        {header(101), kStay, "peer announced a 101-byte message, over --max-size 100; connection dropped\n"},
-        {header(-1), kStay, "peer announced a 4294967295-byte message, over --max-size 100; connection dropped\n"},
-        {header(40).substr(0, 3), kClose, "closed inside a header after 3 of 8 bytes; connection dropped\n"},
-        {body, kClose, "closed inside a 40-byte body after 10 bytes; connection dropped\n"},
-        {body, kReset, "Connection reset by peer"},
-        {body, kStay, "no byte for 1 s inside a 40-byte body after 10 bytes; connection dropped\n"},
+        {header(101), kStay, "peer announced a 101-byte message, over --max-size 100"},
+        {header(-1), kStay, "peer announced a 4294967295-byte message, over --max-size 100"},
+        {header(40).substr(0, 3), kClose, "closed inside a header after 3 of 8 bytes"},
+        {body, kClose, "closed inside a 40-byte body after 10 bytes"},
+        {body, kReset, "Connection reset by peer inside a 40-byte body after 10 bytes"},
+        {"", kReset, "Connection reset by peer"},
+        {body, kStay, "no byte for 1 s inside a 40-byte body after 10 bytes"},
     };
-    Tool listener({"listen", "0", "--count", std::to_string(std::size(cases)), "--max-size", "100", "--timeout", "1"});
+    Tool listener(words("listen 0 --count 8 --max-size 100 --timeout 1"));
     std::string const port = listener.port();
-    std::string const good = header(12) + "1 '1 k '1 v ";
-    int n = 0;
-    for (Case const& c : cases) {
-        SCOPED_TRACE(c.reported);
-        nStreamTest::RawFd bad(connectTo(port));
-        nStreamTest::rawSend(bad, nStreamTest::bytesOf(c.bytes));
+    std::string expected;
+    for (size_t i = 0; i <= std::size(cases); ++i) {
+        // Another peer is served while this one is connected (and so was accepted before).
+        RawFd bad = connectTo(port);
+        rawSend(connectTo(port), bytesOf(framed(kv)));
+        EXPECT_TRUE(listener.awaits("message " + std::to_string(i + 1) + ": 12 bytes"));
+        if (i == std::size(cases)) break;
+        Case const& c = cases[i];
+        expected += "colloquy listen: " + nameOf(bad) + ": " + c.reported + "; connection dropped\n";
+        rawSend(bad, bytesOf(c.bytes));
         if (c.end == kClose) bad.reset();
         if (c.end == kReset) bad.abort();
-        EXPECT_TRUE(listener.awaits(c.reported, true));
-        if (c.end == kStay) {
-            EXPECT_TRUE(nStreamTest::rawReceive(bad, 1).empty()) << "the listener kept the connection";
-        }
-        // The next peer is served.
-        nStreamTest::RawFd next(connectTo(port));
-        nStreamTest::rawSend(next, nStreamTest::bytesOf(good));
-        EXPECT_TRUE(listener.awaits("message " + std::to_string(++n) + ": 12 bytes"));
+        EXPECT_TRUE(listener.awaits(expected, true)) << c.reported;
+        EXPECT_TRUE(c.end != kStay || (nStreamTest::readable(bad.get()) && rawReceive(bad, 1).empty()));
     }
     Result const heard = listener.finish();
-    EXPECT_EQ(heard.status, 0) << heard.err;
-    expectErrorLines(heard.err);
-    EXPECT_EQ(std::count(heard.err.begin(), heard.err.end(), '\n'), static_cast<long>(std::size(cases))) << heard.err;
+    EXPECT_EQ(heard.status, 0);
+    EXPECT_EQ(heard.err, expected);
+
+    // Over --max-connections a connection is refused in one line; the one open is still served.
+    Tool full(words("listen 0 --count 1 --max-connections 1"));
+    std::string const fullPort = full.port();
+    RawFd const first = connectTo(fullPort), second = connectTo(fullPort);
+    EXPECT_TRUE(nStreamTest::readable(second.get()) && rawReceive(second, 1).empty());
+    rawSend(first, bytesOf(framed(kv)));
+    expectResult(full.finish(), 0, "message 1" + shownMessages()[0].text,
+                 "colloquy listen: " + nameOf(second) + ": refused, --max-connections 1 are open\n");
 }
 
-TEST(Tool, TapRelaysSendToListenAndPrintsWhatPasses) {
-    Tool listener({"listen", "0", "--count", "2", "--json"});
-    Tool tap({"tap", "0", "127.0.0.1", listener.port(), "--connections", "1", "--json"});
-    Result const sent = tool({"send", "127.0.0.1", tap.port(), "--type", "7", "--subtype", "-1", "--to", "svc@b",
-                              "--from", "agent@a", "--count", "2", "city=Z\\xc3\\xbcrich", "bin=a\\x00\\xff"});
-    ASSERT_EQ(sent.status, 0) << sent.err;
-    // The sender closed, the tap passed the end on, the listener got its two messages and
-    // closed in turn, and the tap, told to serve one connection, ended.
-    Result const heard = listener.finish();
-    Result const tapped = tap.finish();
-    ASSERT_EQ(heard.status, 0) << heard.err;
-    ASSERT_EQ(tapped.status, 0) << tapped.err;
-    EXPECT_NE(heard.out.find("{\"n\":2,"), std::string::npos) << heard.out;
-    EXPECT_NE(heard.out.find("\"pairs\":{\"bin\":\"a\\u0000\\u00ff\",\"city\":\"Z\xc3\xbcrich\"}"), std::string::npos)
-        << heard.out;
-    // The tap prints each message as listen does, behind the connection and the direction.
-    std::string expected;
-    std::istringstream lines(heard.out);
-    for (std::string line; std::getline(lines, line);)
-        expected += "{\"connection\":1,\"direction\":\"client->server\"," + line.substr(1) + "\n";
-    EXPECT_EQ(tapped.out, expected);
+// Peers sending at the same time, while another stays silent: whole messages, numbered in one
+// sequence, none lost.
+TEST(Tool, ListenTakesPeersSendingAtOnce) {
+    Tool busy(words("listen 0 --count 120 --json"));
+    std::string const port = busy.port();
+    // A silent peer, and one announcing a message over the default --max-size.
+    RawFd const silent = connectTo(port), big = connectTo(port);
+    rawSend(big, bytesOf(header((64 << 20) + 1)));
+    EXPECT_TRUE(
+        busy.awaits("colloquy listen: " + nameOf(big) +
+                        ": peer announced a 67108865-byte message, over --max-size 67108864; connection dropped\n",
+                    true));
+    std::vector<std::unique_ptr<Tool>> senders;
+    for (char const* value : {"a", "b", "c"})
+        senders.push_back(
+            std::make_unique<Tool>(words("send 127.0.0.1 " + port + " --type 1 --subtype 2 --count 40 k=" + value)));
+    for (auto& sender : senders) EXPECT_EQ(sender->finish().status, 0);
+    std::string const heard = busy.finish().out, json = shownMessages()[0].json;
+    std::map<char, int> perValue;
+    for (size_t start = 0, end, n = 1; (end = heard.find('\n', start)) != std::string::npos; start = end + 1, ++n) {
+        std::string line = heard.substr(start, end - start + 1);
+        ++perValue[line.end()[-5]];
+        EXPECT_EQ(line.replace(line.size() - 5, 1, "v"), "{\"n\":" + std::to_string(n) + json);
+    }
+    EXPECT_EQ(perValue, (std::map<char, int>{{'a', 40}, {'b', 40}, {'c', 40}}));
 }
 
-// True when the peer of `fd` ends the stream (orderly) within the tests' patience.
-bool endedByPeer(nStreamTest::RawFd const& fd) {
-    char c;
-    return nStreamTest::readable(fd.get()) && ::recv(fd.get(), &c, 1, 0) == 0;
-}
-
-TEST(Tool, TapForwardsEveryByteBothWaysAndPassesEitherCloseOn) {
-    using nStreamTest::rawAccept;
-    using nStreamTest::rawReceive;
-    using nStreamTest::rawSend;
+// A tap between a raw client and a raw server: every byte forwarded both ways, either side's end
+// passed on, reports of what cannot be framed, and a client turned away when the server is gone.
+TEST(Tool, TapForwardsEveryByteBothWaysAndReportsWhatItCannotFrame) {
     unsigned short serverPort = 0;
-    nStreamTest::RawFd const listener = nStreamTest::rawListener(serverPort);
-    Tool tap({"tap", "0", "127.0.0.1", std::to_string(serverPort), "--connections", "2", "--max-size", "64"});
+    RawFd const listener = nStreamTest::rawListener(serverPort);
+    Tool tap(words("tap 0 127.0.0.1 " + std::to_string(serverPort) + " --connections 3 --max-size 64"));
     std::string const tapPort = tap.port();
-
-    // Connection 1: a message in two pieces and one over --max-size, a reply, then the server
-    // closes first.
-    nStreamTest::RawFd client(connectTo(tapPort));
-    nStreamTest::RawFd server = rawAccept(listener);
-    std::string const request = header(12, 7, 9) + "1 '1 k '1 v ";
-    std::string const big = header(100, 1, 1) + std::string(100, 'x');
-    rawSend(client, nStreamTest::bytesOf(request.substr(0, 5)));
-    rawSend(client, nStreamTest::bytesOf(request.substr(5) + big));
-    EXPECT_EQ(rawReceive(server, request.size() + big.size()), nStreamTest::bytesOf(request + big));
-    std::string const reply = header(4, 2, -1) + "raw\xff";
-    rawSend(server, nStreamTest::bytesOf(reply));
-    EXPECT_EQ(rawReceive(client, reply.size()), nStreamTest::bytesOf(reply));
-    server.reset();
-    EXPECT_TRUE(endedByPeer(client));
-    client.reset();
-
-    // Connection 2: a header announcing a negative length, then anything; the client closes first.
-    client.reset(connectTo(tapPort));
-    server = rawAccept(listener);
-    std::string const malformed = header(-5, 1, 1) + std::string("\0junk", 5) + request + std::string("\0\xff", 2);
-    rawSend(client, nStreamTest::bytesOf(malformed));
-    EXPECT_EQ(rawReceive(server, malformed.size()), nStreamTest::bytesOf(malformed));
-    client.reset();
-    EXPECT_TRUE(endedByPeer(server));
-    server.reset();
-
+    std::vector<std::string> lines;  // expected on standard error
+    struct Case {
+        std::string request, reply;
+        bool serverCloses;
+    } const cases[] = {
+        {header(12, 7, 9) + kv + header(100, 1, 1) + std::string(100, 'x'), header(4, 2, -1) + "raw\xff", true},
+        {header(-5, 1, 1) + "\0junk"s + framed(kv) + "\0\xff"s, "", false},
+        {header(40) + "0123456789", header(40).substr(0, 3), false},
+    };
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        Case const& c = cases[i];
+        RawFd client = connectTo(tapPort), server = nStreamTest::rawAccept(listener);
+        size_t const cuts[] = {0, 5, 13, c.request.size()};  // in pieces, each forwarded before the next
+        for (size_t k = 0; k < 3; ++k) {
+            std::string const piece = c.request.substr(cuts[k], cuts[k + 1] - cuts[k]);
+            rawSend(client, bytesOf(piece));
+            EXPECT_EQ(rawReceive(server, piece.size()), bytesOf(piece));
+        }
+        if (!c.reply.empty()) rawSend(server, bytesOf(c.reply));
+        EXPECT_EQ(rawReceive(client, c.reply.size()), bytesOf(c.reply));
+        std::string const number = std::to_string(i + 1), from = nameOf(client);
+        (c.serverCloses ? server : client).reset();
+        RawFd const& other = c.serverCloses ? client : server;
+        EXPECT_TRUE(nStreamTest::readable(other.get()) && rawReceive(other, 1).empty()) << "the end was not passed on";
+        lines.push_back("connection " + number + " from " + from + "\n");
+        lines.push_back("connection " + number + " closed: " + std::to_string(c.request.size()) +
+                        " bytes to the server, " + std::to_string(c.reply.size()) + " to the client\n");
+    }
     Result const tapped = tap.finish();
-    ASSERT_EQ(tapped.status, 0) << tapped.err;
-    // The directions of a connection print independently: each report is checked on its own.
+    EXPECT_EQ(tapped.status, 0);
+    // A server that cannot be reached: the client is turned away in one line.
+    Tool unreachable(words("tap 0 127.0.0.1 1 --connections 1"));
+    RawFd const client = connectTo(unreachable.port());
+    EXPECT_TRUE(nStreamTest::readable(client.get()) && rawReceive(client, 1).empty());
+    expectResult(unreachable.finish(), 0, "",
+                 "colloquy tap: connection 1 from " + nameOf(client) +
+                     ": connect to 127.0.0.1 port 1: Connection refused (errno 111)\n");
+    // The directions and connections print independently: each report is checked on its own.
     std::vector<std::string> const reports = {
         "connection 1 client->server message 1: 12 bytes, type 7, subtype 9\n"
         "  header: 00 00 00 0c 00 07 00 09\n  pairs: 1\n    k\tv\n",
@@ -360,73 +548,45 @@ TEST(Tool, TapForwardsEveryByteBothWaysAndPassesEitherCloseOn) {
         "connection 1 server->client message 1: 4 bytes, type 2, subtype -1\n"
         "  header: 00 00 00 04 00 02 ff ff\n  body: raw\\xff\n",
         "connection 2 client->server: header ff ff ff fb 00 01 00 01 announces a body of -5 bytes: the rest of "
-        "this direction is forwarded unframed\n"};
-    size_t total = 0;
-    for (auto const& report : reports) {
-        EXPECT_NE(tapped.out.find(report), std::string::npos) << report << "in\n" << tapped.out;
-        total += report.size();
+        "this direction is forwarded unframed\n",
+        "connection 3 client->server: the stream ended inside message 1 (10 of 40 body bytes)\n",
+        "connection 3 server->client: the stream ended inside a header (3 of 8 bytes)\n"};
+    for (auto const& [all, expected] : {std::pair{tapped.out, reports}, std::pair{tapped.err, lines}}) {
+        size_t total = 0;
+        for (auto const& report : expected) {
+            EXPECT_NE(all.find(report), std::string::npos) << report << "in\n" << all;
+            total += report.size();
+        }
+        EXPECT_EQ(all.size(), total) << all;
     }
-    EXPECT_EQ(tapped.out.size(), total) << tapped.out;
 }
 
 TEST(Tool, DemoBenchAndReportRun) {
     Result const demo = tool({"demo"});
-    EXPECT_EQ(demo.status, 0) << demo.out << demo.err;
-    EXPECT_NE(demo.out.find("what arrived equals what was sent"), std::string::npos) << demo.out;
-    Result const bench = tool({"bench", "--size", "100", "--count", "200"});
-    ASSERT_EQ(bench.status, 0) << bench.err;
-    EXPECT_NE(bench.out.find("messages/s"), std::string::npos) << bench.out;
-    EXPECT_NE(bench.out.find("p99"), std::string::npos) << bench.out;
-    // 25 batches of 8 messages, each in one system call.
-    Result const batchedBench = tool({"bench", "--size", "100", "--count", "200", "--batch", "8"});
-    ASSERT_EQ(batchedBench.status, 0) << batchedBench.err;
-    EXPECT_NE(batchedBench.out.find("in batches of 8: system calls per message: sender 0.1250,"), std::string::npos)
-        << batchedBench.out;
-
+    EXPECT_EQ(demo.status, 0) << demo.err;
+    for (char const* part :
+         {"\n3. message packed into 165 bytes: from agent@hostA to svc@hostB, qtype 3, user value 7\n"
+          "4. sent 173 bytes, header 00 00 00 a5 00 01 00 02\n5. received type 1, subtype 2, body 165 bytes\n",
+          "\n7. read back 6 pairs:\n     $FROM\tagent\n     binary\ta\\x00b\n     city\tZ\\xc3\\xbcrich\n     "
+          "count\t42\n"
+          "     empty\t\n     note\tit's 'quoted' text\n8. what arrived equals what was sent\n"})
+        EXPECT_NE(demo.out.find(part), std::string::npos) << demo.out;
+    // One send per message, or 25 batches of 8 messages, each in one system call.
+    for (auto const& [batch, calls] : {std::pair{"", "one send per message: system calls per message: sender 1.0000,"},
+                                       {" --batch 8", "in batches of 8: system calls per message: sender 0.1250,"}}) {
+        Result const bench = tool(words("bench --size 0 --count 200"s + batch));
+        EXPECT_EQ(bench.status, 0);
+        EXPECT_EQ(bench.err, "");  // no progress unless standard error is a terminal
+        EXPECT_EQ(bench.out.rfind("one-way: 200 messages of 0 bytes in ", 0), 0u) << bench.out;
+        EXPECT_NE(bench.out.find("\none-way " + std::string(calls)), std::string::npos) << bench.out;
+        EXPECT_NE(bench.out.find(" us (200 round trips)\n"), std::string::npos) << bench.out;
+    }
     // The report leaves no scratch files beside its output.
-    std::string const dir = gScratchDirectory("colloquy_tool");
-    ASSERT_FALSE(dir.empty());
-    std::string const path = dir + "/report.txt";
-    Result const r = tool({"report", "--output", path});
-    ASSERT_EQ(r.status, 0) << r.err;
-    std::string const report = gReadFile(path);
-    EXPECT_EQ(report.find("\n" + std::string(79, '=') + "\nComplete Report For Host: "), 0u) << report;
+    std::string const dir = gScratchDirectory("colloquy_tool"), path = dir + "/report.txt";
+    expectResult(tool({"report", "--output", path}), 0, "", "report written to " + path + "\n");
+    EXPECT_EQ(gReadFile(path).rfind("\n" + std::string(79, '=') + "\nComplete Report For Host: ", 0), 0u);
     std::remove(path.c_str());
     EXPECT_EQ(rmdir(dir.c_str()), 0) << "the report left files beside its output";
-}
-
-TEST(Tool, BadInputGetsOneLineAndNonZeroStatus) {
-    struct Case {
-        std::vector<std::string> args;
-        std::string input;
-        int status;  // 1: the input or the network failed; 2: the command line is wrong
-    } const cases[] = {
-        {{"decode"}, "1 '2 ab 3 xyz ", 1},
-        {{"decode"}, "1 '1 a '1 b TRAILING", 1},
-        {{"decode"}, "0 ", 1},
-        {{"decode"}, "-1 ", 1},
-        {{"decode"}, "2 '1 a '1 b '1 a '1 c ", 1},
-        {{"unpack"}, "8 6 4 6 6 2 2 2 4 hostB", 1},
-        {{"convert", "--from", "99999", "--to", "65001"}, "1 '1 k '1 v ", 1},
-        {{"convert", "--from", "1252", "--to", "65001", "extra"}, "", 2},
-        {{"send", "127.0.0.1", "1", "--type", "1", "--subtype", "1", "k=v"}, "", 1},
-        {{"send", "127.0.0.1", "1", "--type", "1", "--subtype", "1", "--batch", "0", "k=v"}, "", 2},
-        {{"report", "--output", "/nonexistent-dir/report.txt"}, "", 1},
-        {{"encode", "k=\\q"}, "", 2},
-        {{"pack", "--to", "svc"}, "", 2},
-        {{"listen", "70000"}, "", 2},
-        {{"tap", "0", "127.0.0.1"}, "", 2},
-        {{"tap", "0", "127.0.0.1", "0"}, "", 2},
-        {{"frobnicate"}, "", 2},
-        {{"fro\nb\x1b[2J"}, "", 2},
-        {{"encode", "--k\nv"}, "", 2},
-    };
-    for (Case const& c : cases) {
-        SCOPED_TRACE(c.args.back());
-        expectOneLineFailure(tool(c.args, c.input), c.status);
-    }
-    EXPECT_EQ(tool({"--help"}).status, 0);
-    EXPECT_EQ(tool({"send", "--help"}).status, 0);
 }
 
 }  // namespace

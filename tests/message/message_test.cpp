@@ -1,6 +1,5 @@
-// Packed buffers, the message envelope and addresses: byte images, reading back, Error records,
-// and messages made from hostile bytes (heap copies of exactly their size, which the sanitizer
-// build watches), which map to empty texts, no body and all-bits-one numbers.
+// Packed buffers, the message envelope and addresses: byte images, reading back, Error records, and hostile
+// bytes (heap copies of exactly their size, which the sanitizer build watches).
 #include "netmsg.h"
 #include "packmsg.h"
 #include "zepnames.h"
@@ -68,8 +67,8 @@ TEST(Pack, BuffersBuilderImagesAndTheReaderWithTheirRecords) {
     EXPECT_EQ(std::tuple(none.theCount, none.theBuffer, none.field(0)), std::tuple(0, nullptr, nullptr));
     char const twelve[] = "12 1 1 1 1 1 1 1 1 1 1 1 1 abcdefghijkl";  // ten mapped, the rest is data
     c_Pack const many(twelve);
-    EXPECT_EQ(std::tuple(many.theCount, many.theLengths[9], many.thePackedMsgLen()), std::tuple(12, 1, 33));
-    EXPECT_EQ(std::pair(many.field(0), many.field(9)), std::pair(twelve + 23, twelve + 32));
+    EXPECT_EQ(std::tuple(many.theCount, many.theLengths[9], many.thePackedMsgLen(), many.field(0), many.field(9)),
+              std::tuple(12, 1, 33, twelve + 23, twelve + 32));
     char const eleven[] = "1 00000000005 hello";  // a token is read up to eleven characters
     EXPECT_EQ(std::pair(c_Pack(eleven).field(0), c_Pack(eleven).thePackedMsgLen()), std::pair(eleven + 14, 19));
     c_Pack const negative("-3 1 x");  // none mapped
@@ -153,10 +152,8 @@ TEST(Message, TakesOverTypedMessagesAndReportsMissingBodiesAndBuffers) {
     cColloquyMessage* m = ZEPTmo2Cqm(new cTypedMessageObject(5, 6, data, 58u));
     EXPECT_EQ(std::tuple(m->packedBuffer, m->messageType, m->messageSubType, bodyBytes(*m), m->formatStamp),
               std::tuple(data, short(5), short(6), "hi"s, 352u));
-    ZEPDeleteMsg(m);
-    ZEPDeleteMsg(nullptr);
+    ZEPDeleteMsg(m), ZEPDeleteMsg(nullptr);
     cTypedMessageObject owner(1, 2, new char[10], 10);  // owns its data
-
     ErrorRecords on;  // a null body (reported as null, as empty, and when packed) ends the field list
     cColloquyMessage n(1, "a", "b", "c", "d", QType(4), 0, 0, nullptr, 0);
     EXPECT_EQ(std::tuple(on.count("netmsg"), packedBytes(n), n.body, n.userValue),
@@ -191,25 +188,20 @@ void expectMalformedMapping(cColloquyMessage& m) {
 
 TEST(MalformedBuffer, EveryOneCopiedOrTakenOverMapsToTheEmptyOutcome) {
     std::string const data = kExampleBytes.substr(18);
-    auto const first = [&](char const* length) { return "8 " + (length + (" 4 6 6 2 2 2 4 " + data)); };
-    // Counts 0, 11 (before a header that would fit) and -1; the last blank missing; a first length negative, after a
-    // double blank, of 11 digits, above INT_MAX, running past the end; five fields; a length that is no number; the
-    // host or the stamp without its zero byte.
+    // Counts 0, 11 (before a header that would fit) and -1; the last blank missing; five fields; a length that is no
+    // number; the host or the stamp without its zero byte; a first length negative, after a double blank, of 11
+    // digits, above INT_MAX, running past the end; every truncation.
     std::vector<std::string> cases = {"0 ",
                                       "11 6 4 6 6 2 2 2 4 0 0 8 " + data + "123456789",
                                       "-1 ",
                                       kExampleBytes.substr(0, 17) + "X" + data,
-                                      first("-6"),
-                                      first(" 6"),
-                                      first("00000000006"),
-                                      first("2147483648"),
-                                      first("2147483647"),
                                       "5 2 2 2 2 2 a\0b\0c\0d\0e\0"s,
                                       "6 3 2 2 2 2 \0x\0b\0c\0d\0005\0"s,
                                       "6 1 2 2 2 2 1 Xb\0c\0d\0e\0Z"s,
                                       "8 6 4 6 6 2 2 2 3 "s + data.substr(0, 31) + "352"};
-    for (std::size_t n = 0; n < kExampleBytes.size(); ++n)
-        cases.push_back(kExampleBytes.substr(0, n));  // every truncation
+    for (char const* length : {"-6", " 6", "00000000006", "2147483648", "2147483647"})
+        cases.push_back("8 " + (length + (" 4 6 6 2 2 2 4 " + data)));
+    for (std::size_t n = 0; n < kExampleBytes.size(); ++n) cases.push_back(kExampleBytes.substr(0, n));
 
     for (std::string const& bytes : cases) {
         SCOPED_TRACE(&bytes - cases.data());
@@ -219,8 +211,8 @@ TEST(MalformedBuffer, EveryOneCopiedOrTakenOverMapsToTheEmptyOutcome) {
             ErrorRecords on;
             cColloquyMessage m(exact.get(), size, 1, 2);
             ASSERT_EQ(on.count("netmsg"), 1u);
-            EXPECT_EQ(on.records()[0].text, "malformed packed message\t" + std::to_string(size));
-            EXPECT_EQ(m.packedLen, size);
+            EXPECT_EQ(std::pair(on.records()[0].text, m.packedLen),
+                      std::pair("malformed packed message\t" + std::to_string(size), size));
             expectMalformedMapping(m);
         }
         ErrorRecords on;

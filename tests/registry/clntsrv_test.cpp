@@ -1,11 +1,11 @@
-// The event registry: handler indices, registration by identity, dispatch that keeps or drops
-// clients (seen through destruction counters), and the Error records of the checks.
+// The event registry: handler indices, registration by identity, dispatch keeping or dropping clients, Error records.
 #include "socketlib.h"
 
 #include "tagscope.h"
 
 #include <gtest/gtest.h>
 
+#include <string>
 #include <tuple>
 #include <vector>
 
@@ -13,8 +13,7 @@ namespace {
 
 int gEventsDestroyed = 0, gClientsDestroyed = 0;
 
-// Equal to a KeyedEvent of the same key; a negative key equals nothing (as BaseEvent does).
-// Only events with a client (not lookup probes) count their destruction.
+// Equal to a KeyedEvent of the same key, a negative key to nothing; events with a client count their destruction.
 struct KeyedEvent : BaseEvent {
     KeyedEvent(int key, ClientObj* client = nullptr, int index = 0) : BaseEvent(0, client, index), key(key) {}
     ~KeyedEvent() override { gEventsDestroyed += eventClient != nullptr; }
@@ -56,8 +55,7 @@ struct RegistryTest : ::testing::Test {
 
 TEST_F(RegistryTest, SignOnAndDispatchStayInTheTable) {
     TestClient client;
-    EXPECT_EQ(client.signOn(nullptr), 1);  // reported, and stored all the same
-    EXPECT_EQ(errors(), 1);
+    EXPECT_EQ((std::pair{client.signOn(nullptr), errors()}), std::pair(1, 1));  // reported, and stored all the same
     for (int expected = 2; expected <= 256; ++expected) ASSERT_EQ(client.add(true), expected);
     EXPECT_EQ(client.add(false), -1);  // refused, and nothing stored: 256 still keeps
     // {index, result, reports}: 256 is reported for the range and still runs; an empty slot is
@@ -70,7 +68,6 @@ TEST_F(RegistryTest, SignOnAndDispatchStayInTheTable) {
         if (reports) lines.push_back(records.records().at(0).line);
         ASSERT_EQ(errors(), reports) << index;
     }
-    // The range report and the slot report, each from its own check.
     EXPECT_TRUE(lines.size() == 4 && lines[0] == lines[2] && lines[1] == lines[3] && lines[0] != lines[1]);
     EXPECT_EQ(client.seen.size(), 2u);
 
@@ -148,9 +145,8 @@ TEST_F(RegistryTest, MissingClientOrTableIsReportedAndIdentity) {
         EXPECT_EQ(orphan.dispatchMe() + orphan.dispatchEvent(incoming), 0);
         server.dispatchEvent(orphan);  // answer 0 without a client: nothing to drop
         EXPECT_EQ(errors(), 3);
-        // Without a table nothing is stored or found; the destructor reports it.
+        KeyedEvent event(1);  // without a table nothing is stored or found; the destructor reports it
         server.dropTable();
-        KeyedEvent event(1);
         server.unRegisterClient(*static_cast<ClientObj*>(&server));
         EXPECT_EQ(server.registerEvent(event) + server.unRegisterEvent(event) + errors(), 0);
         EXPECT_EQ(server.findEvent(event), nullptr);
@@ -160,8 +156,8 @@ TEST_F(RegistryTest, MissingClientOrTableIsReportedAndIdentity) {
     TestClient first;
     ServerObj second(0);  // a bucket count below 1 is taken as 1
     EXPECT_TRUE(first.value() > 0 && second.value() == first.value() + 1);
-    EXPECT_STREQ(static_cast<ValidateObject const&>(second).nameOf(), "ServerObj");
-    EXPECT_STREQ(static_cast<ValidateObject const&>(first).nameOf(), "ClientObj");
+    auto const name = [](ValidateObject const& object) { return std::string(object.nameOf()); };
+    EXPECT_EQ(name(second) + name(first), "ServerObjClientObj");
     EXPECT_TRUE(first.valid() == 1 && !first.isEqual(&first) && !BaseEvent().isEqual(&first));
 }
 

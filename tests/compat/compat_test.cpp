@@ -1,5 +1,4 @@
-// What hosts compile and link against: exported symbols (exported_interface.txt), virtual slot
-// orders from g++'s class-layout dump (virtual_order.txt) and member layouts of the public classes.
+// What hosts build against: exported symbols, virtual slot orders and member layouts of the public classes.
 #include "associativearray.h"
 #include "clntsrv.h"
 #include "filesassociationarchive.h"
@@ -60,8 +59,7 @@ std::string normalised(std::string name) {
     return name;
 }
 
-// Symbols the compiler emits for any C++ library: standard template instantiations (possibly
-// behind a return type), type information, virtual tables, guards, thunks, sanitizer bookkeeping.
+// Symbols any C++ library emits: std instantiations, type information, virtual tables, guards, thunks, sanitizer data.
 bool isToolchainNoise(std::string const& name) {
     static std::regex const noise(
         R"(^(typeinfo |vtable for |VTT for |construction vtable for |guard variable for |(non-)?virtual thunk to |)"
@@ -104,8 +102,7 @@ TEST(ExportedInterface, MatchesTheListBothWays) {
         << "exported but not listed (hide them or list as \"+ name -- reason\")";
 }
 
-// Each class's primary virtual table as "Owner::operation" (both destructor slots once, as "Owner::~"):
-// the function slots after the offset to top and the type information, up to the first secondary table.
+// Each primary virtual table's function slots as "Owner::operation" (destructors once, "Owner::~"), from the dump.
 [[maybe_unused]] std::map<std::string, std::vector<std::string>> primaryTables(std::vector<std::string> const& dump) {
     static std::regex const title(R"(^Vtable for (.+)$)"), entry(R"(^\d+\s+\(int \(\*\)\(\.\.\.\)\)(.*)$)"),
         notAFunction(R"(^(-?\d+|\(& _ZTI.*\))$)"), destructor(R"(~.*$)");
@@ -144,8 +141,7 @@ TEST(VirtualOrder, EveryListedClassKeepsItsSlots) {
 #endif
 }
 
-// Mirrors of the documented members in order (a virtual table pointer where the class or a base has one): the
-// same size and offsets mean no member moved, changed type or was added.
+// Mirrors of the documented members in order: the same size and offsets mean none moved, changed type or was added.
 struct PackMirror {
     char* theBuffer;
     char const* theFields[11];

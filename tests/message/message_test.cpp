@@ -146,8 +146,7 @@ TEST(Message, TakesOverTypedMessagesAndReportsMissingBodiesAndBuffers) {
         EXPECT_EQ(std::tuple(m.userValue, m.formatStamp, m.qType, bodyBytes(m)),
                   std::tuple(0xFFFFFFFFu, 0xFFFFFFFFu, QType(12), "xyz"s));
     }
-    // The typed message is deleted and its buffer taken over (the sanitizer build reports a leak or
-    // a double release otherwise); bytes after the last field are ignored.
+    // Taken over and the typed message deleted (the sanitizer sees a leak or double release); trailing bytes ignored.
     char* data = exactCopy(kExampleBytes + "trailing").release();
     cColloquyMessage* m = ZEPTmo2Cqm(new cTypedMessageObject(5, 6, data, 58u));
     EXPECT_EQ(std::tuple(m->packedBuffer, m->messageType, m->messageSubType, bodyBytes(*m), m->formatStamp),
@@ -176,8 +175,7 @@ TEST(Message, TakesOverTypedMessagesAndReportsMissingBodiesAndBuffers) {
     }
 }
 
-// The outcome every malformed buffer maps to; the message can still be printed and
-// re-addressed into a valid one.
+// The outcome every malformed buffer maps to; the message still prints and re-addresses into a valid one.
 void expectMalformedMapping(cColloquyMessage& m) {
     EXPECT_EQ(std::tuple(texts(m), std::string(m.body), m.bodyLen, m.qType, m.userValue, m.formatStamp),
               std::tuple("|||"s, ""s, 0u, QType(-1), 0xFFFFFFFFu, 0xFFFFFFFFu));
@@ -188,9 +186,8 @@ void expectMalformedMapping(cColloquyMessage& m) {
 
 TEST(MalformedBuffer, EveryOneCopiedOrTakenOverMapsToTheEmptyOutcome) {
     std::string const data = kExampleBytes.substr(18);
-    // Counts 0, 11 (before a header that would fit) and -1; the last blank missing; five fields; a length that is no
-    // number; the host or the stamp without its zero byte; a first length negative, after a double blank, of 11
-    // digits, above INT_MAX, running past the end; every truncation.
+    // Counts 0, 11 (before a header that would fit), -1; no last blank; five fields; a length no number; host or stamp
+    // without its zero byte; a first length negative, after a double blank, 11 digits, above INT_MAX, past the end.
     std::vector<std::string> cases = {"0 ",
                                       "11 6 4 6 6 2 2 2 4 0 0 8 " + data + "123456789",
                                       "-1 ",

@@ -71,9 +71,8 @@ TEST_F(RegistryTest, SignOnAndDispatchStayInTheTable) {
     EXPECT_TRUE(lines.size() == 4 && lines[0] == lines[2] && lines[1] == lines[3] && lines[0] != lines[1]);
     EXPECT_EQ(client.seen.size(), 2u);
 
-    // Counters out of step {highest, count, index, reports}: none occupied from the highest index on
-    // (clamped to the table): that index; an occupied one is reused (then the count exceeds it);
-    // from an empty one the next occupied slot, up to the last.
+    // Counters out of step {highest, count, index, reports}: none occupied from the highest index on (clamped):
+    // that index; an occupied one is reused (count above it); from an empty one the next occupied, up to the last.
     TestClient other;
     BaseEvent toKeep(0, &other, other.add(true)), toFinish(0, &other, other.add(false)), incoming(0, nullptr, 99);
     EXPECT_EQ(toKeep.dispatchMe(), 1);

@@ -63,7 +63,8 @@ HeapUse heapUse(Run run) {
 
 void* allocate(size_t size) {
     if (gHeap.counting) gHeap = {gHeap.allocations + 1, gHeap.live + 1, std::max(gHeap.largest, size), true};
-    if (void* p = std::malloc(size ? size : 1)) return p;
+    // Fresh blocks hold no zeros, so that a text missing its terminating NUL runs on visibly.
+    if (void* p = std::malloc(size ? size : 1)) return std::memset(p, 0xA5, size ? size : 1);
     throw std::bad_alloc();
 }
 

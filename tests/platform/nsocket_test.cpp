@@ -1,6 +1,5 @@
-// The socket layer where the stream socket does not reach it: host names, IPv6 and a system
-// without it, connection errors, time-outs that keep the bytes, the continuation flag, refused
-// arguments, signals and closing from another thread.
+// The socket layer beyond the stream socket: host names, IPv6 and a system without it, connection
+// errors, time-outs that keep the bytes, refused arguments, signals, closing from another thread.
 #include "streamtest.h"
 
 #include <fcntl.h>
@@ -17,10 +16,8 @@
 
 using namespace nStreamTest;
 
-namespace {
-thread_local bool tNoIPv6 = false;            // the calling thread's system has no IPv6
-thread_local std::vector<int> tAcceptErrors;  // the errors of its next accept4 calls
-}  // namespace
+static thread_local bool tNoIPv6 = false;            // the calling thread's system has no IPv6
+static thread_local std::vector<int> tAcceptErrors;  // the errors of its next accept4 calls
 
 // This program's own accept4 and socket, which the libraries resolve here: accept4 fails with the
 // calling thread's errors first.
@@ -94,9 +91,9 @@ TEST(SocketLayer, ConnectsByAddressNameAndIPv6AndReportsFailuresWithHostPortAndE
             nSock::gDelete(server);
         }
         tNoIPv6 = false;
-        auto text = [port](char const* operation, std::string const& host, int error) {
-            return operation + (" " + host) + " port " + std::to_string(port) + ": " + std::strerror(error) +
-                   " (errno " + std::to_string(error) + ")";
+        auto text = [port](std::string const& operation, std::string const& host, int error) {
+            return operation + " " + host + " port " + std::to_string(port) + ": " + std::strerror(error) + " (errno " +
+                   std::to_string(error) + ")";
         };
         std::string const local = nSock::gGetLocalHostName().stdString();
         EXPECT_EQ(errorOf([&] { nSock::gCreateListener(port); }), text("listen on", local, EADDRINUSE));

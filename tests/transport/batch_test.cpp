@@ -12,16 +12,12 @@
 
 using namespace nStreamTest;
 
-namespace {
-
 // The steps of the test thread's next sendmsg calls: a count passes at most that many bytes,
 // kInterrupt fails with EINTR, kAwaitReset waits until the peer has reset the connection and
 // passes; calls beyond them pass.
-constexpr long kPass = LONG_MAX, kInterrupt = -1, kAwaitReset = -2;
-thread_local std::deque<long> tScript;
-thread_local int tCalls = 0;  // send and sendmsg calls
-
-}  // namespace
+static constexpr long kPass = LONG_MAX, kInterrupt = -1, kAwaitReset = -2;
+static thread_local std::deque<long> tScript;
+static thread_local int tCalls = 0;  // send and sendmsg calls
 
 // This program's own send, counted: the libraries resolve it here.
 extern "C" __attribute__((visibility("default"))) ssize_t send(int fd, void const* buffer, size_t size, int flags) {

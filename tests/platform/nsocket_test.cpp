@@ -1,6 +1,5 @@
-// The socket layer where the stream socket does not reach it: host names, IPv6 and a system
-// without it, connection errors, time-outs that keep the bytes, the continuation flag, refused
-// arguments, signals and closing from another thread.
+// The socket layer beyond the stream socket: host names, IPv6 and a system without it, connection
+// errors, time-outs that keep the bytes, refused arguments, signals, closing from another thread.
 #include "streamtest.h"
 
 #include <fcntl.h>
@@ -17,12 +16,11 @@
 
 using namespace nStreamTest;
 
-namespace {
-thread_local bool tNoIPv6 = false;            // the calling thread's system has no IPv6
-thread_local std::vector<int> tAcceptErrors;  // the errors of its next accept4 calls
-}  // namespace
+static thread_local bool tNoIPv6 = false;            // the calling thread's system has no IPv6
+static thread_local std::vector<int> tAcceptErrors;  // the errors of its next accept4 calls
 
-// This program's own accept4: it fails with the calling thread's errors first.
+// This program's own accept4 and socket, which the libraries resolve here: accept4 fails with the
+// calling thread's errors first.
 extern "C" __attribute__((visibility("default"))) int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
     if (tAcceptErrors.empty()) return static_cast<int>(syscall(SYS_accept4, fd, address, length, flags));
     errno = tAcceptErrors.back();
@@ -30,7 +28,6 @@ extern "C" __attribute__((visibility("default"))) int accept4(int fd, sockaddr* 
     return -1;
 }
 
-// This program's own socket, which the libraries resolve here.
 extern "C" __attribute__((visibility("default"))) int socket(int domain, int type, int protocol) {
     if (!tNoIPv6 || domain != AF_INET6) return static_cast<int>(syscall(SYS_socket, domain, type, protocol));
     errno = EAFNOSUPPORT;
@@ -82,22 +79,21 @@ TEST(SocketLayer, ConnectsByAddressNameAndIPv6AndReportsFailuresWithHostPortAndE
             nSock::cHandleValid client = nSock::gCreateConnected(host, port, nSock::cSocketOptions());
             int noDelay = 0;  // the default options turn TCP_NODELAY on
             socklen_t size = sizeof noDelay;
-            EXPECT_TRUE(::getsockopt(client.descriptor(), IPPROTO_TCP, TCP_NODELAY, &noDelay, &size) == 0 && noDelay);
             // A signal, a connection reset while queued, one taken by another thread: accept goes on.
             tAcceptErrors = {EINTR, ECONNABORTED, EAGAIN};
             nSock::cHandleValid server = nSock::gAccept(listener, boundedOptions());
-            EXPECT_TRUE(tAcceptErrors.empty());
-            EXPECT_EQ(nSock::gLocalPort(server), port);
             char got[5];
-            EXPECT_TRUE(nSock::gSend(client, 5, "hello") && nSock::gReceive(server, 5, got, false, patience()) &&
+            EXPECT_TRUE(::getsockopt(client.descriptor(), IPPROTO_TCP, TCP_NODELAY, &noDelay, &size) == 0 && noDelay &&
+                        tAcceptErrors.empty() && nSock::gLocalPort(server) == port &&
+                        nSock::gSend(client, 5, "hello") && nSock::gReceive(server, 5, got, false, patience()) &&
                         std::string(got, 5) == "hello");
             nSock::gDelete(client);
             nSock::gDelete(server);
         }
         tNoIPv6 = false;
-        auto text = [port](char const* operation, std::string const& host, int error) {
-            return operation + (" " + host) + " port " + std::to_string(port) + ": " + std::strerror(error) +
-                   " (errno " + std::to_string(error) + ")";
+        auto text = [port](std::string const& operation, std::string const& host, int error) {
+            return operation + " " + host + " port " + std::to_string(port) + ": " + std::strerror(error) + " (errno " +
+                   std::to_string(error) + ")";
         };
         std::string const local = nSock::gGetLocalHostName().stdString();
         EXPECT_EQ(errorOf([&] { nSock::gCreateListener(port); }), text("listen on", local, EADDRINUSE));
@@ -137,22 +133,18 @@ TEST(SocketLayer, TimeOutKeepsTheBytesForTheNextReceive) {
         rawSend(pair.peer, Bytes(message.begin(), split));
         EXPECT_FALSE(receive(pair, got, message.size(), &quick));
         rawSend(pair.peer, Bytes(split, message.end()));
-        ASSERT_TRUE(receive(pair, got, message.size(), &quick, true));
-        EXPECT_EQ(got, message);
+        EXPECT_TRUE(receive(pair, got, message.size(), &quick, true) && got == message);
         EXPECT_EQ(quick.asked, (std::vector<bool>{false, true}));
     }
-    nSock::cHandleValid const handle = nSock::gValidate(pair.socket.GetHandle());
+    nSock::cHandleValid const h = nSock::gValidate(pair.socket.GetHandle());
     char byte = 0;
-    EXPECT_FALSE(nSock::gReceive(handle, -1, &byte, false, patience()));
-    EXPECT_FALSE(nSock::gReceive(handle, 1, nullptr, false, patience()));
-    EXPECT_TRUE(nSock::gReceive(handle, 0, nullptr, false, patience()));
-    EXPECT_FALSE(nSock::gSend(handle, -1, "x"));
-    EXPECT_FALSE(nSock::gSend(handle, 1, nullptr));
-    EXPECT_TRUE(nSock::gSend(handle, 0, nullptr));
-    EXPECT_TRUE(nSock::gSend(handle, 2, "ok"));
+    EXPECT_EQ((std::vector<bool>{nSock::gReceive(h, -1, &byte, false, patience()),
+                                 nSock::gReceive(h, 1, nullptr, false, patience()),
+                                 nSock::gReceive(h, 0, nullptr, false, patience()), nSock::gSend(h, -1, "x"),
+                                 nSock::gSend(h, 1, nullptr), nSock::gSend(h, 0, nullptr), nSock::gSend(h, 2, "ok")}),
+              (std::vector<bool>{false, false, true, false, false, true, true}));
     EXPECT_EQ(rawReceive(pair.peer, 2), bytesOf("ok"));
-    // Options alone bound a receive that has no latency configuration.
-    RawPeerPair bounded(boundedOptions(nTime::cDiff(20)));
+    RawPeerPair bounded(boundedOptions(nTime::cDiff(20)));  // options alone bound a receive without latency
     Bytes got;
     EXPECT_FALSE(receive(bounded, got, 1, nullptr));
 }
@@ -229,12 +221,12 @@ TEST(SocketLayer, ClosingFromAnotherThreadEndsTheWaitAndReleasesAfterIt) {
             if (round % 3 == 1) std::this_thread::yield();
             if (round % 3 == 2) std::this_thread::sleep_for(std::chrono::microseconds(200));
             nSock::cHandleValid const copy = target;
-            EXPECT_TRUE(nSock::gClose(copy));
-            EXPECT_FALSE(nSock::gIsValid(target));
+            EXPECT_TRUE(nSock::gClose(copy) && !nSock::gIsValid(target));
             waiter.join();
-            EXPECT_FALSE(succeeded) << "round " << round;
-            EXPECT_EQ(::fcntl(fd, F_GETFD), -1) << "round " << round << ": the descriptor is still open";
-            EXPECT_FALSE(nSock::gClose(target));
+            // The wait failed, the descriptor is closed, a second close fails.
+            EXPECT_EQ((std::vector<bool>{succeeded, ::fcntl(fd, F_GETFD) != -1, nSock::gClose(target)}),
+                      (std::vector<bool>(3, false)))
+                << "round " << round;
             nSock::gDelete(peer);
         }
     }

@@ -43,7 +43,6 @@ inline nSock::iLatencyConfiguration* patience() {
 }
 
 using Bytes = std::vector<unsigned char>;
-
 inline Bytes bytesOf(std::string const& text) { return Bytes(text.begin(), text.end()); }
 
 // A descriptor of the raw peer, closed at the end of its scope.
@@ -52,17 +51,13 @@ class RawFd {
     explicit RawFd(int fd = -1) : mFd(fd) {}
     ~RawFd() { reset(); }
     RawFd(RawFd&& other) noexcept : mFd(std::exchange(other.mFd, -1)) {}
-    RawFd& operator=(RawFd&& other) noexcept {
-        reset(std::exchange(other.mFd, -1));
-        return *this;
-    }
+    RawFd& operator=(RawFd&& other) noexcept { return reset(std::exchange(other.mFd, -1)), *this; }
     int get() const { return mFd; }
     void reset(int fd = -1) {
         if (mFd >= 0) ::close(mFd);
         mFd = fd;
     }
-    // Closes with a reset (RST) instead of an orderly end.
-    void abort() {
+    void abort() {  // a reset (RST) instead of an orderly end
         linger l{1, 0};
         ::setsockopt(mFd, SOL_SOCKET, SO_LINGER, &l, sizeof l);
         reset();
@@ -89,12 +84,11 @@ inline void rawSend(RawFd const& fd, Bytes const& bytes) {
 inline Bytes rawReceive(RawFd const& fd, size_t count) {
     Bytes out(count);
     size_t done = 0;
-    while (done < count && readable(fd.get())) {
-        ssize_t const n = ::recv(fd.get(), out.data() + done, count - done, 0);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        done += static_cast<size_t>(n);
-    }
+    for (ssize_t n = 0; done < count && readable(fd.get()); done += static_cast<size_t>(n))
+        if ((n = ::recv(fd.get(), out.data() + done, count - done, 0)) < 0 && errno == EINTR)
+            n = 0;
+        else if (n <= 0)
+            break;
     out.resize(done);
     return out;
 }
@@ -145,18 +139,17 @@ struct Received {
     std::string body() const { return ok && length > 0 ? std::string(data, static_cast<size_t>(length)) : ""; }
     bool untouched() const { return type == 111 && subType == 222 && data == sentinel && length == 333; }
     static inline char sentinel[1] = {};
-
     short type = 111, subType = 222;
     char* data = sentinel;
     int length = 333;
     bool const ok;
 };
 
-// The disposition of a signal for one scope.
+// The disposition of a signal for one scope; no SA_RESTART: interrupted system calls return EINTR.
 struct SignalScope {
     SignalScope(int signal, void (*handler)(int)) : number(signal) {
         struct sigaction action {};
-        action.sa_handler = handler;  // no SA_RESTART: interrupted system calls return EINTR
+        action.sa_handler = handler;
         EXPECT_EQ(::sigaction(signal, &action, &previous), 0);
     }
     ~SignalScope() { ::sigaction(number, &previous, nullptr); }

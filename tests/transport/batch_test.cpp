@@ -1,11 +1,9 @@
-// Sending: one message in one system call, and batches of messages: their wire image against one
-// send per message, short writes and signals inside headers and bodies, a peer that closes
-// part-way, a long run in order.
+// Sending one message in one system call and batches of messages: the wire image against one send
+// per message, short writes and signals inside headers and bodies, a peer closing part-way, a long run.
 #include "streamtest.h"
 
 #include <sys/syscall.h>
 #include <sys/uio.h>
-#include <sys/wait.h>
 
 #include <climits>
 #include <cstring>
@@ -14,16 +12,12 @@
 
 using namespace nStreamTest;
 
-namespace {
-
 // The steps of the test thread's next sendmsg calls: a count passes at most that many bytes,
 // kInterrupt fails with EINTR, kAwaitReset waits until the peer has reset the connection and
 // passes; calls beyond them pass.
-constexpr long kPass = LONG_MAX, kInterrupt = -1, kAwaitReset = -2;
-thread_local std::deque<long> tScript;
-thread_local int tCalls = 0;  // send and sendmsg calls
-
-}  // namespace
+static constexpr long kPass = LONG_MAX, kInterrupt = -1, kAwaitReset = -2;
+static thread_local std::deque<long> tScript;
+static thread_local int tCalls = 0;  // send and sendmsg calls
 
 // This program's own send, counted: the libraries resolve it here.
 extern "C" __attribute__((visibility("default"))) ssize_t send(int fd, void const* buffer, size_t size, int flags) {
@@ -81,12 +75,9 @@ TEST(StreamSocket, SendsHeaderAndBodyAsOneWireImage) {
     } const cases[] = {
         {"binary body", -2, 0x1234, "\0\xff", 2, {0, 0, 0, 2, 0xFF, 0xFE, 0x12, 0x34, 0, 0xFF}, 0},
         {"no body", 1, 2, nullptr, 0, {0, 0, 0, 0, 0, 1, 0, 2}, 1},
-        // The header shortened to nothing: no bytes, no system call.
-        {"length -8", 1, 2, "x", -8, {}, 1},
-        // The (shortened) header still goes out.
-        {"negative length", 1, 2, "x", -1, {0xFF, 0xFF, 0xFF, 0xFF, 0, 1, 0}, 1},
-        // Zero bytes stand for the missing body.
-        {"missing body of positive length", 3, 4, nullptr, 2, {0, 0, 0, 2, 0, 3, 0, 4, 0, 0}, 2},
+        {"length -8: the header shortened to nothing, no system call", 1, 2, "x", -8, {}, 1},
+        {"negative length: the shortened header goes out", 1, 2, "x", -1, {0xFF, 0xFF, 0xFF, 0xFF, 0, 1, 0}, 1},
+        {"missing body of positive length: zeros", 3, 4, nullptr, 2, {0, 0, 0, 2, 0, 3, 0, 4, 0, 0}, 2},
     };
     RawPeerPair pair;
     for (Case const& c : cases) {
@@ -94,10 +85,9 @@ TEST(StreamSocket, SendsHeaderAndBodyAsOneWireImage) {
         nTagScope::ErrorRecords errors;
         tCalls = 0;
         ASSERT_TRUE(pair.socket.SendTypedMessageZ2(c.type, c.subType, c.body, c.length));
-        EXPECT_EQ(tCalls, c.image.empty() ? 0 : 1);
         EXPECT_EQ(rawReceive(pair.peer, c.image.size()), c.image);
-        EXPECT_EQ(errors.count("streamsocket"), c.errors);
-        EXPECT_EQ(errors.total(), c.errors);
+        EXPECT_EQ((std::vector<size_t>{size_t(tCalls), errors.count("streamsocket"), errors.total()}),
+                  (std::vector<size_t>{c.image.empty() ? 0u : 1u, c.errors, c.errors}));
     }
     EXPECT_THROW(pair.socket.SendTypedMessageZ2(1, 2, "x", -9), std::bad_array_new_length);
 }
@@ -128,9 +118,8 @@ TEST(MessageBatch, SendsTheBytesOfOneSendPerMessage) {
     };
     Watchdog watchdog(60);  // a sender with more bytes than expected blocks
     RawPeerPair pair;
-    cTypedMessageBatch batch;
-    TagScope trace("ColloquyT", true);
-    TagScope error("Error", true);
+    cTypedMessageBatch batch;  // one batch for every row
+    TagScope trace("ColloquyT", true), error("Error", true);
     // The bytes the raw peer receives (`count`, or fewer when the stream ends) while `send` runs.
     auto receivedWhile = [&](size_t count, auto send) {
         Bytes received;
@@ -142,23 +131,18 @@ TEST(MessageBatch, SendsTheBytesOfOneSendPerMessage) {
     for (Case const& c : cases) {
         SCOPED_TRACE(c.what);
         size_t size = 0;  // of the wire image
-        for (Message const& m : c.messages) size += 8 + m.body.size();
-        batch.Clear();  // one batch for every row
+        batch.Clear();
         for (Message const& m : c.messages)
-            ASSERT_TRUE(batch.Add(m.type, m.subType, m.body.data(), static_cast<int>(m.body.size())));
+            size += 8 + m.body.size(), batch.Add(m.type, m.subType, m.body.data(), int(m.body.size()));
         ASSERT_EQ(batch.Count(), static_cast<long>(c.messages.size()));
-        nLog::cCapture capture;
+        nLog::cCapture capture;  // the entry trace, no Error
         tScript = c.script;
         tCalls = 0;
-        long written = -1;
-        bool sent = false;
+        long written = -1, sent = 0;
         Bytes const batched = receivedWhile(size, [&] { sent = pair.socket.SendTypedMessageBatch(batch, &written); });
-        EXPECT_TRUE(sent);
-        EXPECT_EQ(written, batch.Count());
-        EXPECT_EQ(tCalls, c.calls);
-        EXPECT_TRUE(tScript.empty());
-        ASSERT_EQ(capture.records().size(), 1u);  // the entry trace, no Error
-        EXPECT_EQ(capture.records()[0].file, "../src/streamsocket");
+        EXPECT_EQ((std::vector<long>{sent, written, tCalls, long(tScript.size()), long(capture.records().size())}),
+                  (std::vector<long>{1, batch.Count(), c.calls, 0, 1}));
+        EXPECT_EQ(capture.records().at(0).file, "../src/streamsocket");
         Bytes const oneByOne = receivedWhile(size, [&] {
             for (Message const& m : c.messages)
                 ASSERT_TRUE(pair.socket.SendTypedMessageZ2(m.type, m.subType, m.body.data(), int(m.body.size())));
@@ -174,12 +158,10 @@ TEST(MessageBatch, RefusesANegativeLengthAndAMissingBody) {
     RawPeerPair pair;
     nTagScope::ErrorRecords errors;
     cTypedMessageBatch batch;
-    EXPECT_TRUE(batch.Add(1, 1, "a", 1));
-    EXPECT_FALSE(batch.Add(5, 5, "x", -1));
-    EXPECT_FALSE(batch.Add(5, 5, nullptr, 5));
-    EXPECT_TRUE(batch.Add(2, 2, nullptr, 0));
-    EXPECT_EQ(errors.count("streamsocket"), 2u);
-    EXPECT_EQ(batch.Count(), 2);
+    EXPECT_EQ((std::vector<bool>{batch.Add(1, 1, "a", 1), batch.Add(5, 5, "x", -1), batch.Add(5, 5, nullptr, 5),
+                                 batch.Add(2, 2, nullptr, 0)}),
+              (std::vector<bool>{true, false, false, true}));
+    EXPECT_EQ(std::make_pair(errors.count("streamsocket"), batch.Count()), std::make_pair(size_t(2), 2L));
     tScript = {0};  // a system that takes nothing: an error, not an endless loop
     EXPECT_FALSE(pair.socket.SendTypedMessageBatch(batch));
     EXPECT_EQ(errors.records().back().text,
@@ -213,61 +195,50 @@ TEST(MessageBatch, ReportsTheMessagesWrittenWholeWhenThePeerCloses) {
         long written = -1;
         EXPECT_FALSE(pair.socket.SendTypedMessageBatch(batch, &written));
         peer.join();
-        EXPECT_EQ(received.size(), static_cast<size_t>(c.taken));
-        EXPECT_EQ(written, c.whole);
-        ASSERT_EQ(errors.count("streamsocket"), 1u);
-        EXPECT_EQ(errors.records()[0].text, "StreamSocket:SendTypedMessageBatch\t" + std::to_string(c.whole) + "\t4\t" +
-                                                std::strerror(ECONNRESET));
-        EXPECT_FALSE(pair.socket.SendTypedMessageBatch(batch, &written));
-        EXPECT_EQ(written, 0);
-        EXPECT_FALSE(pair.socket.SendTypedMessageZ2(1, 1, "x", 1));
+        EXPECT_EQ((std::vector<long>{long(received.size()), written, long(errors.count("streamsocket"))}),
+                  (std::vector<long>{c.taken, c.whole, 1}));
+        EXPECT_EQ(errors.records().at(0).text, "StreamSocket:SendTypedMessageBatch\t" + std::to_string(c.whole) +
+                                                   "\t4\t" + std::strerror(ECONNRESET));
+        EXPECT_FALSE(pair.socket.SendTypedMessageBatch(batch, &written) || written != 0 ||
+                     pair.socket.SendTypedMessageZ2(1, 1, "x", 1));
     }
 }
 
-// A long run of small messages from another process, in batches of changing sizes, arrives whole,
-// in order, with its types: every batch boundary falls somewhere else in the receiver's read-ahead.
-TEST(MessageBatch, AMillionSmallMessagesFromAnotherProcessArriveInOrder) {
+// A long run of small messages in batches of changing sizes arrives whole, in order, with its
+// types: every batch boundary falls somewhere else in the receiver's read-ahead.
+TEST(MessageBatch, AMillionSmallMessagesArriveInOrder) {
     constexpr unsigned kCount = 1000000, kSize = 100;
     std::vector<char> bodies(1000 * kSize);  // message i has body i % 1000
     for (size_t k = 0; k < bodies.size(); ++k) bodies[k] = static_cast<char>(k % 251);
+    Watchdog watchdog(200);
     StreamSocket listener;
     listener.CreateListenerSocket(0);
-    pid_t const child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {  // the sender, within its own bound
-        ::alarm(100);
-        try {
-            static unsigned const kBatchSizes[] = {1, 2, 7, 64, 333, 1000};
-            cTypedMessageBatch batch;
-            StreamSocket client;
-            client.ConnectLocal(nSock::gLocalPort(listener.GetHandle()), boundedOptions());
-            for (unsigned i = 0, round = 0; i < kCount; ++round) {
-                batch.Clear();
-                for (unsigned n = std::min(kBatchSizes[round % 6], kCount - i); n > 0; --n, ++i)
-                    batch.Add(static_cast<short>(i & 0x7fff), static_cast<short>(i >> 15), &bodies[i % 1000 * kSize],
-                              kSize);
-                if (!client.SendTypedMessageBatch(batch)) ::_exit(2);
-            }
-        } catch (...) {
-            ::_exit(3);
+    bool sent = true;
+    std::thread sender([&] {
+        static unsigned const kBatchSizes[] = {1, 2, 7, 64, 333, 1000};
+        cTypedMessageBatch batch;
+        StreamSocket client;
+        client.ConnectLocal(nSock::gLocalPort(listener.GetHandle()), boundedOptions());
+        for (unsigned i = 0, round = 0; i < kCount && sent; ++round) {
+            batch.Clear();
+            for (unsigned n = std::min(kBatchSizes[round % 6], kCount - i); n > 0; --n, ++i)
+                batch.Add(static_cast<short>(i & 0x7fff), static_cast<short>(i >> 15), &bodies[i % 1000 * kSize],
+                          kSize);
+            sent = client.SendTypedMessageBatch(batch);
         }
-        ::_exit(0);
+    });
+    StreamSocket server(listener.Accept(boundedOptions()));
+    unsigned i = 0;
+    for (; i < kCount; ++i) {
+        Received const r(server);
+        if (!r.ok || r.length != int(kSize) || r.type != static_cast<short>(i & 0x7fff) ||
+            r.subType != static_cast<short>(i >> 15) || std::memcmp(r.data, &bodies[i % 1000 * kSize], kSize) != 0)
+            break;
     }
-    {
-        Watchdog watchdog(100);
-        StreamSocket server(listener.Accept(boundedOptions()));
-        unsigned i = 0;
-        for (; i < kCount; ++i) {
-            Received const r(server);
-            if (!r.ok || r.length != int(kSize) || r.type != static_cast<short>(i & 0x7fff) ||
-                r.subType != static_cast<short>(i >> 15) || std::memcmp(r.data, &bodies[i % 1000 * kSize], kSize) != 0)
-                break;
-        }
-        EXPECT_EQ(i, kCount) << "message " << i << " did not arrive, or arrived changed or out of order";
-    }  // closing the connection ends a sender that is still sending
-    int status = -1;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "sender status " << status;
+    EXPECT_EQ(i, kCount) << "message " << i << " did not arrive, or arrived changed or out of order";
+    server.CloseSocket();  // ends a sender that is still sending
+    sender.join();
+    EXPECT_TRUE(sent);
 }
 
 }  // namespace

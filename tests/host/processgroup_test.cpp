@@ -1,5 +1,3 @@
-// Process groups with real children: termination newest first as the Execution records show,
-// failed kills, unknown groups, duplicates, positions and the group flag.
 #include "processgroupmanager.h"
 #include "qrprocess.h"
 
@@ -25,11 +23,7 @@ Line gKill(int line, char const* outcome, int pid) {
 
 class ProcessGroupTest : public ::testing::Test {
   protected:
-    Lines lines() {
-        Lines const lines = nTagScope::gLines(mCapture, "processgroupmanager");
-        mCapture.clear();
-        return lines;
-    }
+    Lines lines() { return nTagScope::gLines(mCapture, "processgroupmanager"); }
 
     TagScope mExecution{"Execution", true}, mError{"Error", true}, mTrace{"Trace", false};
     nLog::cCapture mCapture;
@@ -42,8 +36,7 @@ TEST_F(ProcessGroupTest, GroupIsTerminatedNewestFirstAndForgotten) {
     ProcessGroup* const group = manager.AddProcessToGroup(name, first);
     ASSERT_NE(group, nullptr);
     for (int* pid : {&exited, &last, &first}) EXPECT_EQ(manager.AddProcessToGroup(name, *pid), group);
-    EXPECT_EQ(group->entries(), 4u);  // the same pid twice stands twice
-    EXPECT_EQ(manager.GetProcessGroup(other), nullptr);
+    EXPECT_TRUE(group->entries() == 4u && !manager.GetProcessGroup(other));  // the same pid twice stands twice
 
     // Every member is tried after a failure; the first kill reaped `first`, so its second
     // entry finds no process.
@@ -62,9 +55,7 @@ TEST_F(ProcessGroupTest, GroupIsTerminatedNewestFirstAndForgotten) {
     TagScope off("Execution", false);
     int quiet = gSleeper();
     manager.AddProcessToGroup(name, quiet);
-    EXPECT_TRUE(manager.TerminateGroup(name));
-    EXPECT_TRUE(gReaped(quiet));
-    EXPECT_TRUE(mCapture.records().empty());
+    EXPECT_TRUE(manager.TerminateGroup(name) && gReaped(quiet) && mCapture.records().empty());
 }
 
 TEST_F(ProcessGroupTest, PositionsRemovalAndMissingElements) {
@@ -73,10 +64,10 @@ TEST_F(ProcessGroupTest, PositionsRemovalAndMissingElements) {
     int const sleeper = gSleeper();
     int const pids[] = {10, 20, 10, 30, sleeper};  // duplicates stand on their own
     for (int i = 0; i < 5; ++i) EXPECT_EQ(group.AddProcess(pids[i]), i);
-    EXPECT_EQ(group.RemoveProcess(4), sleeper);
-    EXPECT_TRUE(gAlive(sleeper));  // removing signals nothing
-    EXPECT_EQ(group.RemoveProcess(1), 20);
-    EXPECT_EQ(static_cast<ProcessInfo*>(group.at(1))->pid, 10);
+    // Removing signals nothing.
+    EXPECT_EQ((std::vector<int>{group.RemoveProcess(4), gAlive(sleeper), group.RemoveProcess(1),
+                                static_cast<ProcessInfo*>(group.at(1))->pid}),
+              (std::vector<int>{sleeper, 1, 20, 10}));
     EXPECT_THROW(group.RemoveProcess(3), RWBoundsErr);
     EXPECT_THROW(group.RemoveProcess(-1), RWBoundsErr);
     EXPECT_THROW(group.TerminateElementZ0(3), RWBoundsErr);
@@ -84,8 +75,7 @@ TEST_F(ProcessGroupTest, PositionsRemovalAndMissingElements) {
 
     // A single member killed by position; the group stays as it is otherwise.
     group.insertAt(1, new ProcessInfo(sleeper));
-    EXPECT_TRUE(group.TerminateElementZ0(1));
-    EXPECT_TRUE(gReaped(sleeper));
+    EXPECT_TRUE(group.TerminateElementZ0(1) && gReaped(sleeper));
     EXPECT_EQ(lines(), (Lines{gKill(54, "killed", sleeper)}));
     EXPECT_EQ(group.entries(), 3u);
     while (!group.isEmpty()) group.RemoveProcess(0);
@@ -99,8 +89,7 @@ TEST_F(ProcessGroupTest, PositionsRemovalAndMissingElements) {
     group.AddProcess(exited);
     group.insert(nullptr);
     EXPECT_TRUE(group.TerminateGroupZ0());
-    EXPECT_EQ(group.entries(), 1u);
-    EXPECT_EQ(group.RemoveProcess(0), exited);
+    EXPECT_TRUE(group.entries() == 1u && group.RemoveProcess(0) == exited);
     gCleanUp(exited);
 }
 
@@ -110,10 +99,11 @@ TEST_F(ProcessGroupTest, FlagAndTraceRecordsOfAddProcessToGroup) {
     RWCString flagged("flagged");
     int pid = 4711;  // not ours: the manager forgets its groups without killing when it goes
     ProcessGroup* const group = manager.AddProcessToGroup(flagged, pid, 0);
-    EXPECT_EQ(manager.AddProcessToGroup(flagged, pid), group);
-    EXPECT_EQ(group->mGroupFlag, 0);  // the two-argument form leaves it
-    EXPECT_EQ(manager.AddProcessToGroup(flagged, pid, 7), group);
-    EXPECT_EQ(group->mGroupFlag, 7);  // set on an existing group too
+    // The two-argument form leaves the flag; it is set on an existing group too.
+    EXPECT_EQ(
+        (std::vector<std::pair<ProcessGroup*, int>>{{manager.AddProcessToGroup(flagged, pid), group->mGroupFlag},
+                                                    {manager.AddProcessToGroup(flagged, pid, 7), group->mGroupFlag}}),
+        (std::vector<std::pair<ProcessGroup*, int>>{{group, 0}, {group, 7}}));
     std::string address;
     nLog::gAppendPiece(address, static_cast<void const*>(group));
     EXPECT_EQ(lines(),

@@ -43,11 +43,7 @@ class SupportTest : public ::testing::Test {
                        "#!/bin/sh\necho \"" + std::string(names[i]) + ":$*\"\nexit " + (i == failing ? "0\n" : "1\n"),
                        0755);
     }
-    Lines lines() {
-        Lines const lines = nTagScope::gLines(mCapture, "supportinformationgenerator");
-        mCapture.clear();
-        return lines;
-    }
+    Lines lines() { return nTagScope::gLines(mCapture, "supportinformationgenerator"); }
 
     ScratchScope const mScratch{"support_test"};
     std::string const mRoot = mScratch.path;

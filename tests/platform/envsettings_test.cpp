@@ -1,5 +1,3 @@
-// Settings files and path macros: the INI rules, where a bare file name is looked for, the
-// handles of a table, and the expansion of "#(NAME)".
 #include "envsettings.h"
 
 #include "envscope.h"
@@ -25,7 +23,6 @@ std::string lookUp(std::string const& name, char const* key) {
     return (found ? "" : "not found:") + property(handle, key);
 }
 
-// A scratch directory for settings files; restores the working directory and QR_BIN.
 class Settings : public ::testing::Test {
   protected:
     void SetUp() override { ASSERT_FALSE(mScratch.path.empty()); }
@@ -56,14 +53,14 @@ TEST_F(Settings, BareNamesAreFoundInTheCurrentDirectoryThenInQrBin) {
     write("bin/vantage.ini", "where=bin\nonly=bin\n");
     fs::create_directory(mDir / "work");
     fs::current_path(mDir / "work");
-    EXPECT_EQ(lookUp("vantage.ini", "where"), "bin");
-    write("work/vantage.ini", "where=work\n");
-    EXPECT_EQ(lookUp("vantage.ini", "where"), "work");
-    EXPECT_EQ(lookUp("vantage.ini", "only"), "");  // one file only
-    EXPECT_EQ(lookUp("absent.ini", "where"), "not found:");
-    EXPECT_EQ(lookUp("#(QR_BIN)/vantage.ini", "where"), "bin");  // a path is resolved, not searched for
     write("bin/sub/s.ini", "where=sub\n");
-    EXPECT_EQ(lookUp("sub/s.ini", "where"), "not found:");  // nor is a relative path
+    std::string const before = lookUp("vantage.ini", "where");
+    write("work/vantage.ini", "where=work\n");
+    // One file only; a path is resolved, not searched for, and neither is a relative path.
+    EXPECT_EQ(before + "|" + lookUp("vantage.ini", "where") + "|" + lookUp("vantage.ini", "only") + "|" +
+                  lookUp("absent.ini", "where") + "|" + lookUp("#(QR_BIN)/vantage.ini", "where") + "|" +
+                  lookUp("sub/s.ini", "where"),
+              "bin|work||not found:|bin|not found:");
 }
 
 TEST_F(Settings, HandlesLiveWithTheirTable) {
@@ -83,11 +80,10 @@ TEST_F(Settings, MacrosExpandFromTheEnvironment) {
     QREnvContainerClass table;
     auto resolve = [&table](char const* text) { return table.QRERuntimeResolve(text).stdString(); };
     EnvScope set("ENVSETTINGS_TEST_DIR", "/opt/x"), unset("ENVSETTINGS_TEST_UNSET", nullptr);
-    EXPECT_EQ(resolve("#(ENVSETTINGS_TEST_DIR)/a/#(ENVSETTINGS_TEST_DIR)"), "/opt/x/a//opt/x");
-    EXPECT_EQ(resolve("a#(ENVSETTINGS_TEST_UNSET)b"), "ab");
-    EXPECT_EQ(resolve("keep #(open"), "keep #(open");
-    EXPECT_EQ(resolve(nullptr), "");
-    EXPECT_EQ(resolve("#(QR_BIN)/vantage.ini"), (mDir / "bin/vantage.ini").string());
+    EXPECT_EQ(resolve("#(ENVSETTINGS_TEST_DIR)/a/#(ENVSETTINGS_TEST_DIR)") + "|" +
+                  resolve("a#(ENVSETTINGS_TEST_UNSET)b") + "|" + resolve("keep #(open") + "|" + resolve(nullptr) + "|" +
+                  resolve("#(QR_BIN)/vantage.ini"),
+              "/opt/x/a//opt/x|ab|keep #(open||" + (mDir / "bin/vantage.ini").string());
     // Unset, QR_BIN is the directory of this test program.
     EnvScope noQrBin("QR_BIN", nullptr);
     EXPECT_EQ(fs::canonical(resolve("#(QR_BIN)")), fs::canonical(COLLOQUY_TEST_BINARY_DIR));

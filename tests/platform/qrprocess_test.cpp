@@ -1,5 +1,3 @@
-// gQRPKillProcess on real processes: running, ignoring SIGTERM, exited but unreaped, not our
-// child, and ids of no single process. (A kill the kernel refuses is with the group tests.)
 #include "qrprocess.h"
 
 #include "children.h"
@@ -7,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <vector>
 
 namespace {
 
@@ -15,14 +14,13 @@ using namespace nChildren;
 TEST(KillProcess, OwnChildrenAreEndedAndReaped) {
     pid_t const running = gSleeper(), stubborn = gSleeper(true), exited = gExitedChild();
     EXPECT_EQ(gQRPKillProcess(running), 0);
-    errno = EPERM;                            // left from an earlier call: only a failing SIGKILL may report it
-    EXPECT_EQ(gQRPKillProcess(stubborn), 0);  // by SIGKILL after the grace period
-    EXPECT_EQ(gQRPKillProcess(exited), 1);    // had ended already
-    for (pid_t pid : {running, stubborn, exited}) EXPECT_TRUE(gReaped(pid)) << pid;
-    EXPECT_EQ(gQRPKillProcess(exited), 2);  // its id is free now
-    EXPECT_EQ(gQRPKillProcess(0), 2);       // would be our own process group
-    EXPECT_EQ(gQRPKillProcess(-1), 2);      // would be every process we may signal
-    EXPECT_EQ(gQRPKillProcess(getpid()), 3);
+    errno = EPERM;  // left from an earlier call: only a failing SIGKILL may report it
+    // The stubborn one by SIGKILL after the grace period, the exited one had ended already; then a
+    // free id, our own process group, every process we may signal, ourselves.
+    EXPECT_EQ((std::vector<int>{gQRPKillProcess(stubborn), gQRPKillProcess(exited), gReaped(running), gReaped(stubborn),
+                                gReaped(exited), gQRPKillProcess(exited), gQRPKillProcess(0), gQRPKillProcess(-1),
+                                gQRPKillProcess(getpid())}),
+              (std::vector<int>{0, 1, 1, 1, 1, 2, 2, 2, 3}));
 }
 
 // A process whose parent is an intermediate child of ours, which either waits for it (so it

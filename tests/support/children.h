@@ -1,5 +1,4 @@
-// Real child processes for the process tests: sleepers, children that have already exited,
-// and the state of a process as /proc shows it.
+// Real child processes for the process tests and their state as /proc shows it.
 #ifndef COLLOQUY_TESTS_CHILDREN_H
 #define COLLOQUY_TESTS_CHILDREN_H
 
@@ -39,9 +38,8 @@ inline pid_t gExitedChild() {
     return pid;
 }
 
-// True while `pid` exists and has not exited (a zombie counts as exited).
-// The file is one line; getline turns a read that fails because the process went away
-// meanwhile (ESRCH) into an empty line, where reading the buffer directly would throw.
+// True while `pid` exists and has not exited (a zombie counts as exited). getline turns a read that
+// fails because the process went away meanwhile (ESRCH) into an empty line instead of throwing.
 inline bool gAlive(pid_t pid) {
     std::string text;
     std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/stat"), text);

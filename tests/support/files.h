@@ -1,5 +1,4 @@
-// Whole-file reads and writes, and scratch directories, for tests that check what a program
-// left on disk.
+// Whole-file reads and writes, and scratch directories, for tests of what a program left on disk.
 #ifndef COLLOQUY_TESTS_FILES_H
 #define COLLOQUY_TESTS_FILES_H
 

@@ -32,13 +32,15 @@ using ::TagScope;
 // A record's tag, line and text.
 using Line = std::tuple<std::string, int, std::string>;
 
-// The captured records in short form; each must come from the library's source `module`.
-inline std::vector<Line> gLines(nLog::cCapture const& capture, std::string const& module) {
+// The captured records in short form, which the capture then forgets; each must come from the
+// library's source `module`.
+inline std::vector<Line> gLines(nLog::cCapture& capture, std::string const& module) {
     std::vector<Line> lines;
     for (nLog::cRecord const& r : capture.records()) {
         EXPECT_EQ(r.module + r.file, "ColloquyUtil../src/" + module);
         lines.emplace_back(r.tag, r.line, r.text);
     }
+    capture.clear();
     return lines;
 }
 

@@ -72,30 +72,19 @@ std::string record(std::string const& key, std::string const& value) {
 // Each frame as tshark decodes it with the dissector and `options`: "field=value ..." for the
 // fields that have values (several joined by '|'), a field named by the last part of its name.
 std::vector<std::string> dissect(Capture const& capture, std::string const& options) {
-    std::string const dir = gScratchDirectory("colloquy_dissector"), pcap = dir + "/capture.pcap";
+    ScratchScope const scratch("colloquy_dissector");
+    std::string const pcap = scratch.path + "/capture.pcap";
     gWriteFile(pcap, capture.file);
-    std::vector<std::string> fields = {"length",
-                                       "type",
-                                       "subtype",
-                                       "envelope.to_name",
-                                       "envelope.to_host",
-                                       "envelope.from_name",
-                                       "envelope.from_host",
-                                       "envelope.qtype",
-                                       "envelope.user_value",
-                                       "envelope.format_stamp",
-                                       "record.count",
-                                       "key",
-                                       "value",
-                                       "record.depth",
-                                       "raw"};
+    std::vector<std::string> fields;
     std::string command = "tshark -n -r " + pcap + " -X lua_script:" COLLOQUY_DISSECTOR_PATH " " + options +
                           " -T fields -E occurrence=a -E aggregator='|'";
-    for (auto& field : fields) command += " -e colloquy." + field, field.erase(0, field.find('.') + 1);
-    command += " -e _ws.expert.message";
+    for (std::string const field : {"length", "type", "subtype", "envelope.to_name", "envelope.to_host",
+                                    "envelope.from_name", "envelope.from_host", "envelope.qtype", "envelope.user_value",
+                                    "envelope.format_stamp", "record.count", "key", "value", "record.depth", "raw"})
+        command += " -e colloquy." + field, fields.push_back(field.substr(field.find('.') + 1));
     fields.push_back("expert");
     std::vector<std::string> frames;
-    FILE* const pipe = popen((command + " 2>&1").c_str(), "r");
+    FILE* const pipe = popen((command + " -e _ws.expert.message 2>&1").c_str(), "r");
     char buffer[8192];
     while (pipe && std::fgets(buffer, sizeof buffer, pipe)) {
         std::string const line(buffer, std::strcspn(buffer, "\n"));
@@ -108,7 +97,6 @@ std::vector<std::string> dissect(Capture const& capture, std::string const& opti
         frames.push_back(frame);
     }
     EXPECT_EQ(pipe ? pclose(pipe) : -1, 0) << command;
-    EXPECT_EQ(std::remove(pcap.c_str()) | rmdir(dir.c_str()), 0);
     return frames;
 }
 

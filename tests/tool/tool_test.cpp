@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -101,10 +102,9 @@ Result tool(std::vector<std::string> args, std::string const& input = "") {
     return Tool(std::move(args), input).finish();
 }
 
+// Status, standard output and standard error in one comparison.
 void expectResult(Result const& r, int status, std::string const& out, std::string const& err) {
-    EXPECT_EQ(r.status, status);
-    EXPECT_EQ(r.out, out);
-    EXPECT_EQ(r.err, err);
+    EXPECT_EQ(std::to_string(r.status) + "|" + r.out + "|" + r.err, std::to_string(status) + "|" + out + "|" + err);
 }
 
 RawFd connectTo(std::string const& port) {
@@ -174,12 +174,8 @@ TEST(Tool, CommandsOnStandardStreams) {
                       badEscape = "': a backslash starts either x and two hex digits or a second backslash";
     std::string const envelopeJson = "\"envelope\":{\"to\":\"svc@hostB\",\"from\":\"agent@hostA\",\"qType\":";
     std::string const send = "send h 1 --type 1 --subtype 1 ";
-    struct Case {
-        std::string args;  // split at each blank
-        std::string input;
-        int status;
-        std::string expected;  // standard output, or the error line's text
-    } const cases[] = {
+    // Arguments (split at each blank), standard input, status, standard output or the error line's text.
+    std::tuple<std::string, std::string, int, std::string> const cases[] = {
         // encode: escapes of either case, the key ends at the first '=', lines of standard input
         {"encode k=\\x09\\x0a\\xAF\\xaf\\\\=", "", 0, "1 '1 k '6 \t\n\xaf\xaf\\= "},
         {"encode", "k=v\r\n\n", 0, kv},
@@ -248,7 +244,6 @@ TEST(Tool, CommandsOnStandardStreams) {
         {"send h 0", "", 2, "PORT must be 1 to 65535"},
         {"send h 65536", "", 2, outside("PORT", "0 to 65535", "65536")},
         {"send h 1 --type 1", "", 2, "send needs --type T and --subtype S"},
-        {"send h 1 --subtype 1", "", 2, "send needs --type T and --subtype S"},
         {"send h 1 --type -32769 --subtype 1", "", 2, outside("--type", "-32768 to 32767", "-32769")},
         {send + "--subtype 32768", "", 2, outside("--subtype", "-32768 to 32767", "32768")},
         {send + "--subtype 1x", "", 2, outside("--subtype", "-32768 to 32767", "1x")},
@@ -280,13 +275,10 @@ TEST(Tool, CommandsOnStandardStreams) {
         {"report --output /nonexistent/r", "", 1, "cannot create /nonexistent/r: No such file or directory"},
         {"demo x", "", 2, "demo takes no arguments"},
     };
-    for (Case const& c : cases) {
-        SCOPED_TRACE(c.args + " | " + c.input.substr(0, 40));
-        std::vector<std::string> const args = words(c.args);
-        Result const r = tool(args, c.input);
-        EXPECT_EQ(r.status, c.status);
-        EXPECT_EQ(c.status ? r.err : r.out, c.status ? "colloquy " + args[0] + ": " + c.expected + "\n" : c.expected);
-        EXPECT_EQ(c.status ? r.out : r.err, "");
+    for (auto const& [args, input, status, expected] : cases) {
+        SCOPED_TRACE(args + " | " + input.substr(0, 40));
+        std::string const err = "colloquy " + args.substr(0, args.find(' ')) + ": " + expected + "\n";
+        expectResult(tool(words(args), input), status, status ? "" : expected, status ? err : "");
     }
     // An unknown command: the error line is escaped and cut after 300 bytes (253 c's make 300).
     std::string const c253(253, 'c'), usage = "' (colloquy --help lists them";
@@ -305,13 +297,11 @@ TEST(Tool, CommandsOnStandardStreams) {
 
 // send to a raw peer: exact bytes, one report line; a peer that resets fails it in one line.
 TEST(Tool, SendWritesEachMessageWholeAndFailsWhenThePeerGoesAway) {
-    std::string const dir = gScratchDirectory("colloquy_tool"), raw = dir + "/raw";
+    ScratchScope const scratch("colloquy_tool");
+    std::string const raw = scratch.path + "/raw";
     gWriteFile(raw, "a\0\xff"s);
-    struct Case {
-        std::string args;
-        int count;
-        std::string body;
-    } const cases[] = {
+    std::tuple<std::string, int, std::string> const cases[] = {
+        // arguments, messages (-1: until it fails), body
         {"--count 3 k=v", 3, kv},
         {"--count 3 --batch 2 k=v", 3, kv},  // a batch of 2, then one of 1
         {"--batch 1048576 --raw " + raw, 1, "a\0\xff"s},
@@ -319,28 +309,26 @@ TEST(Tool, SendWritesEachMessageWholeAndFailsWhenThePeerGoesAway) {
         {"--count 100000000 k=v", -1, kv},
         {"--count 100000000 --batch 100 k=v", -1, kv},
     };
-    for (Case const& c : cases) {
+    for (auto const& [args, count, body] : cases) {
         unsigned short port = 0;
         RawFd const listener = nStreamTest::rawListener(port);
-        Tool sender(words("send 127.0.0.1 " + std::to_string(port) + " --type -32768 --subtype 32767 " + c.args));
+        Tool sender(words("send 127.0.0.1 " + std::to_string(port) + " --type -32768 --subtype 32767 " + args));
         std::string wire;
-        for (int i = 0; i < c.count; ++i) wire += framed(c.body, -32768, 32767);
+        for (int i = 0; i < count; ++i) wire += framed(body, -32768, 32767);
         RawFd peer = nStreamTest::rawAccept(listener);
-        if (c.count < 0) {
+        if (count < 0) {
             rawReceive(peer, 20);  // the sender is past its connection
             peer.abort();
             Result const r = sender.finish();
-            EXPECT_EQ(r.status, 1);
-            EXPECT_EQ(r.err.substr(0, 33) + r.err.substr(r.err.size() - 10),
-                      "colloquy send: send failed after  messages\n");
+            EXPECT_EQ(std::to_string(r.status) + r.err.substr(0, 33) + r.err.substr(r.err.size() - 10),
+                      "1colloquy send: send failed after  messages\n");
             continue;
         }
         EXPECT_EQ(rawReceive(peer, wire.size() + 1), bytesOf(wire));  // then the end
         expectResult(sender.finish(), 0, "",
-                     "sent " + std::to_string(c.count) + " message(s) of " + std::to_string(c.body.size()) +
+                     "sent " + std::to_string(count) + " message(s) of " + std::to_string(body.size()) +
                          " bytes to 127.0.0.1:" + std::to_string(port) + "\n");
     }
-    EXPECT_EQ(std::remove(raw.c_str()) | rmdir(dir.c_str()), 0);
 }
 
 std::string hexOf(std::string const& bytes) {
@@ -424,11 +412,8 @@ TEST(Tool, ListenAndTapPrintEveryMessageExactly) {
 TEST(Tool, ListenDropsABadConnectionInOneLineAndServesTheOthers) {
     std::string const body = header(40) + "0123456789";  // a 40-byte message that stops after 10
     enum End { kStay, kClose, kReset };
-    struct Case {
-        std::string bytes;
-        End end;
-        std::string reported;  // after "colloquy listen: 127.0.0.1:PORT: "
-    } const cases[] = {
+    // What the peer sends, how it ends, what is reported after "colloquy listen: 127.0.0.1:PORT: ".
+    std::tuple<std::string, End, std::string> const cases[] = {
         {header(101), kStay, "peer announced a 101-byte message, over --max-size 100"},
         {header(-1), kStay, "peer announced a 4294967295-byte message, over --max-size 100"},
         {header(40).substr(0, 3), kClose, "closed inside a header after 3 of 8 bytes"},
@@ -446,17 +431,16 @@ TEST(Tool, ListenDropsABadConnectionInOneLineAndServesTheOthers) {
         rawSend(connectTo(port), bytesOf(framed(kv)));
         EXPECT_TRUE(listener.awaits("message " + std::to_string(i + 1) + ": 12 bytes"));
         if (i == std::size(cases)) break;
-        Case const& c = cases[i];
-        expected += "colloquy listen: " + nameOf(bad) + ": " + c.reported + "; connection dropped\n";
-        rawSend(bad, bytesOf(c.bytes));
-        if (c.end == kClose) bad.reset();
-        if (c.end == kReset) bad.abort();
-        EXPECT_TRUE(listener.awaits(expected, true)) << c.reported;
-        EXPECT_TRUE(c.end != kStay || (nStreamTest::readable(bad.get()) && rawReceive(bad, 1).empty()));
+        auto const& [bytes, end, reported] = cases[i];
+        expected += "colloquy listen: " + nameOf(bad) + ": " + reported + "; connection dropped\n";
+        rawSend(bad, bytesOf(bytes));
+        if (end == kClose) bad.reset();
+        if (end == kReset) bad.abort();
+        EXPECT_TRUE(listener.awaits(expected, true)) << reported;
+        EXPECT_TRUE(end != kStay || (nStreamTest::readable(bad.get()) && rawReceive(bad, 1).empty()));
     }
     Result const heard = listener.finish();
-    EXPECT_EQ(heard.status, 0);
-    EXPECT_EQ(heard.err, expected);
+    EXPECT_EQ(std::to_string(heard.status) + heard.err, "0" + expected);
 
     // Over --max-connections a connection is refused in one line; the one open is still served.
     Tool full(words("listen 0 --count 1 --max-connections 1"));
@@ -503,32 +487,30 @@ TEST(Tool, TapForwardsEveryByteBothWaysAndReportsWhatItCannotFrame) {
     Tool tap(words("tap 0 127.0.0.1 " + std::to_string(serverPort) + " --connections 3 --max-size 64"));
     std::string const tapPort = tap.port();
     std::vector<std::string> lines;  // expected on standard error
-    struct Case {
-        std::string request, reply;
-        bool serverCloses;
-    } const cases[] = {
+    std::tuple<std::string, std::string, bool> const cases[] = {
+        // request, reply, whether the server closes
         {header(12, 7, 9) + kv + header(100, 1, 1) + std::string(100, 'x'), header(4, 2, -1) + "raw\xff", true},
         {header(-5, 1, 1) + "\0junk"s + framed(kv) + "\0\xff"s, "", false},
         {header(40) + "0123456789", header(40).substr(0, 3), false},
     };
     for (size_t i = 0; i < std::size(cases); ++i) {
-        Case const& c = cases[i];
+        auto const& [request, reply, serverCloses] = cases[i];
         RawFd client = connectTo(tapPort), server = nStreamTest::rawAccept(listener);
-        size_t const cuts[] = {0, 5, 13, c.request.size()};  // in pieces, each forwarded before the next
+        size_t const cuts[] = {0, 5, 13, request.size()};  // in pieces, each forwarded before the next
         for (size_t k = 0; k < 3; ++k) {
-            std::string const piece = c.request.substr(cuts[k], cuts[k + 1] - cuts[k]);
+            std::string const piece = request.substr(cuts[k], cuts[k + 1] - cuts[k]);
             rawSend(client, bytesOf(piece));
             EXPECT_EQ(rawReceive(server, piece.size()), bytesOf(piece));
         }
-        if (!c.reply.empty()) rawSend(server, bytesOf(c.reply));
-        EXPECT_EQ(rawReceive(client, c.reply.size()), bytesOf(c.reply));
+        if (!reply.empty()) rawSend(server, bytesOf(reply));
+        EXPECT_EQ(rawReceive(client, reply.size()), bytesOf(reply));
         std::string const number = std::to_string(i + 1), from = nameOf(client);
-        (c.serverCloses ? server : client).reset();
-        RawFd const& other = c.serverCloses ? client : server;
+        (serverCloses ? server : client).reset();
+        RawFd const& other = serverCloses ? client : server;
         EXPECT_TRUE(nStreamTest::readable(other.get()) && rawReceive(other, 1).empty()) << "the end was not passed on";
         lines.push_back("connection " + number + " from " + from + "\n");
-        lines.push_back("connection " + number + " closed: " + std::to_string(c.request.size()) +
-                        " bytes to the server, " + std::to_string(c.reply.size()) + " to the client\n");
+        lines.push_back("connection " + number + " closed: " + std::to_string(request.size()) +
+                        " bytes to the server, " + std::to_string(reply.size()) + " to the client\n");
     }
     Result const tapped = tap.finish();
     EXPECT_EQ(tapped.status, 0);
@@ -575,8 +557,7 @@ TEST(Tool, DemoBenchAndReportRun) {
     for (auto const& [batch, calls] : {std::pair{"", "one send per message: system calls per message: sender 1.0000,"},
                                        {" --batch 8", "in batches of 8: system calls per message: sender 0.1250,"}}) {
         Result const bench = tool(words("bench --size 0 --count 200"s + batch));
-        EXPECT_EQ(bench.status, 0);
-        EXPECT_EQ(bench.err, "");  // no progress unless standard error is a terminal
+        EXPECT_EQ(std::to_string(bench.status) + bench.err, "0");  // no progress unless standard error is a terminal
         EXPECT_EQ(bench.out.rfind("one-way: 200 messages of 0 bytes in ", 0), 0u) << bench.out;
         EXPECT_NE(bench.out.find("\none-way " + std::string(calls)), std::string::npos) << bench.out;
         EXPECT_NE(bench.out.find(" us (200 round trips)\n"), std::string::npos) << bench.out;

@@ -124,7 +124,14 @@ TEST_F(SupportTest, StatusSenseAndDirectoryRoom) {
     EXPECT_EQ(std::string(buffer), mWork + "/");
     EXPECT_FALSE(mGenerator.GetKZDirectoryPath(buffer, static_cast<int>(mWork.size() + 1)));
     EXPECT_TRUE(mGenerator.GetKZDirectoryPath(buffer, static_cast<int>(mWork.size() + 2)));
-    EXPECT_FALSE(mGenerator.GetKZDirectoryPath(buffer, 0) || mGenerator.GetKZDirectoryPath(nullptr, 10));
+    EXPECT_FALSE(mGenerator.GetKZDirectoryPath(buffer, 0) || mGenerator.GetKZDirectoryPath(buffer, -1) ||
+                 mGenerator.GetKZDirectoryPath(nullptr, 10));
+    buffer[0] = '\0';
+    EXPECT_FALSE(mGenerator.GetKZDirectoryPath(buffer, 2));  // getcwd fails: nothing is appended to the old text
+    // A file is stored whole, down to a last read of one byte.
+    std::ofstream("one") << "x";
+    CAssociativeArray db(1);
+    EXPECT_EQ(std::string(mGenerator.AddFileToDB("k", "one", db) ? db.GetValueOfParameter("k", "?") : "failed"), "x");
 }
 
 // A stream buffer that takes 100 characters and then throws something that is not a standard exception.

@@ -59,7 +59,8 @@ TEST_F(CollectionsTest, StringsAreLengthCountedAndNulSafeAndTokenized) {
     EXPECT_EQ(s, RWCString('{', 1));
     EXPECT_TRUE((s = static_cast<char const*>(nullptr)).isNull());
     EXPECT_EQ(s.assign("yz", 1), "y");
-    EXPECT_TRUE(RWCString("a\0b", 3) != RWCString("a") && RWCString("a\0b", 3).hash() != RWCString("a\0c", 3).hash() &&
+    EXPECT_TRUE(RWCString("a\0b", 3) != RWCString("a") && RWCString("a") != "b" && !(RWCString("a") != "a") &&
+                RWCString("a\0b", 3).hash() != RWCString("a\0c", 3).hash() &&
                 RWCString("xyz").hash() == RWCString::hash("xyz", 3) && RWCString("a").hash() != RWCString("b").hash());
 
     RWCString const text("  one two\tthree\n");
@@ -241,6 +242,17 @@ TEST_F(CollectionsTest, PutValueIfAndLookupByHash) {
 }
 
 // The plain hash table keeps duplicates and finds plain collectables by identity.
+// Unequal keys of one hash value are two entries, each found as itself.
+TEST_F(CollectionsTest, DictionaryTellsUnequalKeysOfOneHashApart) {
+    struct SameHash : RWCollectableString {
+        using RWCollectableString::RWCollectableString;
+        unsigned hash() const override { return 7; }
+    } p("p"), q("q");
+    RWHashDictionary d;
+    EXPECT_EQ((Ptrs{d.insertKeyAndValue(&p, &p), d.insertKeyAndValue(&q, &p), d.find(&q), d.find(&p)}),
+              (Ptrs{&p, &q, &q, &p}));
+}
+
 TEST_F(CollectionsTest, HashTableKeepsDuplicatesAndRefusesNull) {
     RWHashTable t(2), copy(4);
     RWCollectable x, y;

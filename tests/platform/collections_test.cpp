@@ -241,18 +241,21 @@ TEST_F(CollectionsTest, PutValueIfAndLookupByHash) {
     }
 }
 
-// The plain hash table keeps duplicates and finds plain collectables by identity.
-// Unequal keys of one hash value are two entries, each found as itself.
-TEST_F(CollectionsTest, DictionaryTellsUnequalKeysOfOneHashApart) {
-    struct SameHash : RWCollectableString {
-        using RWCollectableString::RWCollectableString;
-        unsigned hash() const override { return 7; }
-    } p("p"), q("q");
+// Unequal keys of one hash value are two pairs, each found as itself.
+TEST_F(CollectionsTest, PutValueIfTellsUnequalKeysOfOneHashApart) {
     RWHashDictionary d;
-    EXPECT_EQ((Ptrs{d.insertKeyAndValue(&p, &p), d.insertKeyAndValue(&q, &p), d.find(&q), d.find(&p)}),
-              (Ptrs{&p, &q, &q, &p}));
+    RWCollectable* old = nullptr;
+    auto const put = [&](std::string const& key, RWCollectable* value) {
+        return d.putValueIf(
+            7, keyIs(key), value, [&] { return new Tracked(key); }, old);
+    };
+    auto *one = new Tracked("1"), *two = new Tracked("2");
+    EXPECT_EQ((Ptrs{put("p", one), put("q", two), d.findValueIf(7, keyIs("p")), d.findValueIf(7, keyIs("q"))}),
+              (Ptrs{nullptr, nullptr, one, two}));
+    d.clearAndDestroy();
 }
 
+// The plain hash table keeps duplicates and finds plain collectables by identity.
 TEST_F(CollectionsTest, HashTableKeepsDuplicatesAndRefusesNull) {
     RWHashTable t(2), copy(4);
     RWCollectable x, y;

@@ -5,25 +5,15 @@
 #include "netmsg.h"
 #include "packmsg.h"
 #include "processgroupmanager.h"
+#include "testing.h"
 #include "zepnames.h"
-
-#include <gtest/gtest.h>
 
 #include <cxxabi.h>
 #include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
 #include <iterator>
-#include <map>
-#include <memory>
 #include <regex>
-#include <set>
-#include <sstream>
-#include <stdexcept>
-#include <string>
 #include <type_traits>
 #include <typeinfo>
-#include <vector>
 
 namespace {
 

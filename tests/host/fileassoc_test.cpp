@@ -1,11 +1,7 @@
 // The file association archive: every file stored with the empty destination, replacement,
 // the default directories, and the one shared iterator that every call restarts.
 #include "filesassociationarchive.h"
-
-#include <gtest/gtest.h>
-
-#include <stdexcept>
-#include <string>
+#include "testing.h"
 
 namespace {
 

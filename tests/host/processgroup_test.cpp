@@ -5,11 +5,6 @@
 #include "nlog.h"
 #include "tagscope.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
 namespace {
 
 using namespace nChildren;

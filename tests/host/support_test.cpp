@@ -9,14 +9,7 @@
 #include "nsocket.h"
 #include "tagscope.h"
 
-#include <gtest/gtest.h>
-
 #include <sys/stat.h>
-#include <unistd.h>
-#include <cerrno>
-#include <fstream>
-#include <string>
-#include <vector>
 
 namespace {
 

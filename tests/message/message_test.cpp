@@ -7,19 +7,9 @@
 
 #include "tagscope.h"
 
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <memory>
-#include <stdexcept>
-#include <string>
-#include <tuple>
-#include <vector>
-
 namespace {
 
 using nTagScope::ErrorRecords;
-using namespace std::string_literals;
 char const* const kEnd = nullptr;
 char const* const kNull = nullptr;
 

@@ -1,11 +1,7 @@
 #include "codepage.h"
-
-#include <gtest/gtest.h>
+#include "testing.h"
 
 #include <atomic>
-#include <string>
-#include <thread>
-#include <vector>
 
 namespace {
 

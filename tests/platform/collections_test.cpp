@@ -3,14 +3,7 @@
 #include "rwhashdict.h"
 #include "rwhashtable.h"
 #include "rwordered.h"
-
-#include <gtest/gtest.h>
-
-#include <cstdint>
-#include <new>
-#include <set>
-#include <string>
-#include <vector>
+#include "testing.h"
 
 namespace {
 

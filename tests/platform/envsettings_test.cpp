@@ -3,11 +3,7 @@
 #include "envscope.h"
 #include "files.h"
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
 #include <filesystem>
-#include <string>
 
 namespace fs = std::filesystem;
 

@@ -3,15 +3,7 @@
 #include "kzexception.h"
 #include "tagscope.h"
 
-#include <gtest/gtest.h>
-
 #include <sys/stat.h>
-#include <cstdio>
-#include <string>
-#include <thread>
-#include <vector>
-
-using namespace std::string_literals;
 
 namespace {
 

@@ -9,10 +9,8 @@
 #include <sys/syscall.h>
 
 #include <atomic>
-#include <cstring>
 #include <functional>
 #include <optional>
-#include <string>
 
 using namespace nStreamTest;
 

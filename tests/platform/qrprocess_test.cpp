@@ -2,10 +2,7 @@
 
 #include "children.h"
 
-#include <gtest/gtest.h>
-
 #include <filesystem>
-#include <vector>
 
 namespace {
 

@@ -5,23 +5,9 @@
 #include "send2hub.h"
 #include "tagscope.h"
 
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-#include <algorithm>
-#include <climits>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <map>
-#include <memory>
-#include <new>
 #include <random>
-#include <sstream>
-#include <thread>
 #include <unordered_map>
 
-using namespace std::string_literals;
 using Texts = std::vector<std::string>;
 
 namespace {

@@ -3,12 +3,6 @@
 
 #include "tagscope.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <tuple>
-#include <vector>
-
 namespace {
 
 int gEventsDestroyed = 0, gClientsDestroyed = 0;

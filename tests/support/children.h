@@ -1,14 +1,11 @@
 // Real child processes for the process tests and their state as /proc shows it.
 #ifndef COLLOQUY_TESTS_CHILDREN_H
 #define COLLOQUY_TESTS_CHILDREN_H
+#include "testing.h"
 
 #include <sys/types.h>
 #include <sys/wait.h>
-#include <unistd.h>
-#include <cerrno>
 #include <csignal>
-#include <fstream>
-#include <string>
 
 namespace nChildren {
 

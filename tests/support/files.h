@@ -1,14 +1,11 @@
 // Whole-file reads and writes, and scratch directories, for tests of what a program left on disk.
 #ifndef COLLOQUY_TESTS_FILES_H
 #define COLLOQUY_TESTS_FILES_H
+#include "testing.h"
 
 #include <sys/stat.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string>
 
 inline std::string gReadFile(std::string const& path) {
     std::ifstream in(path, std::ios::binary);

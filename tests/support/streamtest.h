@@ -5,23 +5,14 @@
 
 #include "streamsocket.h"
 #include "tagscope.h"
-
-#include <gtest/gtest.h>
+#include "testing.h"
 
 #include <arpa/inet.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <memory>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
 
 namespace nStreamTest {
 

@@ -4,13 +4,9 @@
 #define COLLOQUY_TESTS_TAGSCOPE_H
 
 #include "nlog.h"
-
-#include <gtest/gtest.h>
+#include "testing.h"
 
 #include <cstddef>
-#include <string>
-#include <tuple>
-#include <vector>
 
 // Switches a log tag for one scope and restores its previous state.
 class TagScope {

@@ -4,17 +4,6 @@
 #include "files.h"
 #include "netmsg.h"
 
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-#include <cstdint>
-#include <cstdio>
-#include <cstring>
-#include <string>
-#include <vector>
-
-using namespace std::string_literals;
-
 namespace {
 
 constexpr uint16_t kDefaultPort = 7870;  // the dissector's default port preference

@@ -4,21 +4,8 @@
 #include "netmsg.h"
 #include "streamtest.h"
 
-#include <gtest/gtest.h>
-
 #include <sys/wait.h>
-#include <unistd.h>
-#include <climits>
 #include <csignal>
-#include <cstdio>
-#include <map>
-#include <memory>
-#include <string>
-#include <tuple>
-#include <utility>
-#include <vector>
-
-using namespace std::string_literals;
 
 namespace {
 

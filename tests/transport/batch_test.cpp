@@ -5,10 +5,7 @@
 #include <sys/syscall.h>
 #include <sys/uio.h>
 
-#include <climits>
-#include <cstring>
 #include <deque>
-#include <string>
 
 using namespace nStreamTest;
 

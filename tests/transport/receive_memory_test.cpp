@@ -3,12 +3,7 @@
 // above a maximum, a failed allocation is a failed receive, failures leave the outputs untouched.
 #include "streamtest.h"
 
-#include <cstdlib>
-#include <cstring>
-#include <new>
 #include <optional>
-#include <string>
-#include <tuple>
 
 using namespace nStreamTest;
 

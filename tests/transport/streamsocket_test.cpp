@@ -4,10 +4,6 @@
 
 #include <fcntl.h>
 
-#include <cstring>
-#include <new>
-#include <string>
-
 using namespace nStreamTest;
 
 namespace {

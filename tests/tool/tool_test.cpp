@@ -550,11 +550,12 @@ TEST(Tool, DemoBenchAndReportRun) {
         EXPECT_NE(bench.out.find(" us (200 round trips)\n"), std::string::npos) << bench.out;
     }
     // The report leaves no scratch files beside its output.
-    std::string const dir = gScratchDirectory("colloquy_tool"), path = dir + "/report.txt";
+    ScratchScope const scratch("colloquy_tool");
+    std::string const path = scratch.path + "/report.txt";
     expectResult(tool({"report", "--output", path}), 0, "", "report written to " + path + "\n");
     EXPECT_EQ(gReadFile(path).rfind("\n" + std::string(79, '=') + "\nComplete Report For Host: ", 0), 0u);
     std::remove(path.c_str());
-    EXPECT_EQ(rmdir(dir.c_str()), 0) << "the report left files beside its output";
+    EXPECT_EQ(rmdir(scratch.path.c_str()), 0) << "the report left files beside its output";
 }
 
 }  // namespace

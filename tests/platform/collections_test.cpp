@@ -245,6 +245,7 @@ TEST_F(CollectionsTest, PutValueIfTellsUnequalKeysOfOneHashApart) {
     auto *one = new Tracked("1"), *two = new Tracked("2");
     EXPECT_EQ((Ptrs{put("p", one), put("q", two), d.findValueIf(7, keyIs("p")), d.findValueIf(7, keyIs("q"))}),
               (Ptrs{nullptr, nullptr, one, two}));
+    EXPECT_EQ(d.probeCount(), 3u);  // the second key one slot past the first: 1 + 2 slots visited
     d.clearAndDestroy();
 }
 

@@ -540,12 +540,13 @@ TEST(Tool, DemoBenchAndReportRun) {
           "count\t42\n"
           "     empty\t\n     note\tit's 'quoted' text\n8. what arrived equals what was sent\n"})
         EXPECT_NE(demo.out.find(part), std::string::npos) << demo.out;
-    // One send per message, or 25 batches of 8 messages, each in one system call.
-    for (auto const& [batch, calls] : {std::pair{"", "one send per message: system calls per message: sender 1.0000,"},
-                                       {" --batch 8", "in batches of 8: system calls per message: sender 0.1250,"}}) {
-        Result const bench = tool(words("bench --size 0 --count 200"s + batch));
+    // One send per message, or 25 batches of 8 messages (of the default 100 bytes), each in one system call.
+    for (auto const& [args, size, calls] :
+         {std::tuple{"--size 0", "0", "one send per message: system calls per message: sender 1.0000,"},
+          {"--batch 8", "100", "in batches of 8: system calls per message: sender 0.1250,"}}) {
+        Result const bench = tool(words("bench --count 200 "s + args));
         EXPECT_EQ(std::to_string(bench.status) + bench.err, "0");  // no progress unless standard error is a terminal
-        EXPECT_EQ(bench.out.rfind("one-way: 200 messages of 0 bytes in ", 0), 0u) << bench.out;
+        EXPECT_EQ(bench.out.rfind("one-way: 200 messages of "s + size + " bytes in ", 0), 0u) << bench.out;
         EXPECT_NE(bench.out.find("\none-way " + std::string(calls)), std::string::npos) << bench.out;
         EXPECT_NE(bench.out.find(" us (200 round trips)\n"), std::string::npos) << bench.out;
     }

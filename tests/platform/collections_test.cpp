@@ -229,6 +229,8 @@ TEST_F(CollectionsTest, PutValueIfAndLookupByHash) {
             RWCollectable* const key = small.putValueIf(
                 hashOf(k), keyIs(k), value, [] { return nullptr; }, old);
             EXPECT_TRUE(value && key && small.findValueIf(hashOf(k), keyIs(k)) == value && old == value) << k;
+            RWCollectableString duplicate(k.c_str());  // a key present in any slot is refused
+            EXPECT_EQ(small.insertKeyAndValue(&duplicate, nullptr), nullptr) << k;
         }
         small.clearAndDestroy();
     }

@@ -82,7 +82,7 @@ TEST(Log, TheEnvironmentChoosesTheTagsAndTheFile) {
     EXPECT_EQ(log.find("probe\tTrace"), std::string::npos);
     struct stat status {};
     EXPECT_EQ(stat(path.c_str(), &status) == 0 ? status.st_mode & 0777 : 0, 0644u);
-    runProbe("", path);  // a second run appends
+    runProbe("0<&-", path);  // a second run appends, also when the file takes descriptor 0
     EXPECT_EQ(gReadFile(path).size(), 2 * log.size());
     std::remove(path.c_str());
     EXPECT_EQ(runProbe("COLLOQUY_LOG=' Trace,,none,ColloquyT '", path), "Trace ColloquyT \n");

@@ -93,6 +93,12 @@ TEST(SocketLayer, ConnectsByAddressNameAndIPv6AndReportsFailuresWithHostPortAndE
             return operation + " " + host + " port " + std::to_string(port) + ": " + std::strerror(error) + " (errno " +
                    std::to_string(error) + ")";
         };
+        tNoIPv6 = noIPv6;  // a socket the system cannot make is reported with its reason
+        if (noIPv6) {
+            EXPECT_EQ(errorOf([&] { nSock::gCreateConnected("::1", port, nSock::cSocketOptions()); }),
+                      text("connect to", "::1", EAFNOSUPPORT));
+        }
+        tNoIPv6 = false;
         std::string const local = nSock::gGetLocalHostName().stdString();
         EXPECT_EQ(errorOf([&] { nSock::gCreateListener(port); }), text("listen on", local, EADDRINUSE));
         EXPECT_EQ(errorOf([&] { nSock::gAccept(listener, boundedOptions(nTime::cDiff(20))); }),

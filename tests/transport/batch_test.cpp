@@ -165,6 +165,9 @@ TEST(MessageBatch, RefusesANegativeLengthAndAMissingBody) {
               "StreamSocket:SendTypedMessageBatch\t0\t2\t" + std::string(std::strerror(EIO)));
     ASSERT_TRUE(pair.socket.SendTypedMessageBatch(batch));
     EXPECT_EQ(rawReceive(pair.peer, 17), (Bytes{0, 0, 0, 1, 0, 1, 0, 1, 'a', 0, 0, 0, 0, 0, 2, 0, 2}));
+    nSock::cSendPiece const empty[] = {{"", 0}, {nullptr, 0}};  // nothing to send: no system call
+    tCalls = 0;
+    EXPECT_EQ(nSock::gSendPieces(nSock::gValidate(pair.socket.GetHandle()), empty, 2) + tCalls, 0u);
 }
 
 // The peer resets the connection after reading what the system took of a batch: the count of

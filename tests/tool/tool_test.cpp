@@ -439,33 +439,6 @@ TEST(Tool, ListenDropsABadConnectionInOneLineAndServesTheOthers) {
                  "colloquy listen: " + nameOf(second) + ": refused, --max-connections 1 are open\n");
 }
 
-// Peers sending at the same time, while another stays silent: whole messages, numbered in one
-// sequence, none lost.
-TEST(Tool, ListenTakesPeersSendingAtOnce) {
-    Tool busy(words("listen 0 --count 120 --json"));
-    std::string const port = busy.port();
-    // A silent peer, and one announcing a message over the default --max-size.
-    RawFd const silent = connectTo(port), big = connectTo(port);
-    rawSend(big, bytesOf(header((64 << 20) + 1)));
-    EXPECT_TRUE(
-        busy.awaits("colloquy listen: " + nameOf(big) +
-                        ": peer announced a 67108865-byte message, over --max-size 67108864; connection dropped\n",
-                    true));
-    std::vector<std::unique_ptr<Tool>> senders;
-    for (char const* value : {"a", "b", "c"})
-        senders.push_back(
-            std::make_unique<Tool>(words("send 127.0.0.1 " + port + " --type 1 --subtype 2 --count 40 k=" + value)));
-    for (auto& sender : senders) EXPECT_EQ(sender->finish().status, 0);
-    std::string const heard = busy.finish().out, json = shownMessages()[0].json;
-    std::map<char, int> perValue;
-    for (size_t start = 0, end, n = 1; (end = heard.find('\n', start)) != std::string::npos; start = end + 1, ++n) {
-        std::string line = heard.substr(start, end - start + 1);
-        ++perValue[line.end()[-5]];
-        EXPECT_EQ(line.replace(line.size() - 5, 1, "v"), "{\"n\":" + std::to_string(n) + json);
-    }
-    EXPECT_EQ(perValue, (std::map<char, int>{{'a', 40}, {'b', 40}, {'c', 40}}));
-}
-
 // A tap between a raw client and a raw server: every byte forwarded both ways, either side's end
 // passed on, reports of what cannot be framed, and a client turned away when the server is gone.
 TEST(Tool, TapForwardsEveryByteBothWaysAndReportsWhatItCannotFrame) {

@@ -35,13 +35,14 @@ class Settings : public ::testing::Test {
 TEST_F(Settings, IniRules) {
     std::string const path =
         write("rules.ini",
-              "; a comment\r\n# another = comment\ntop = 1\n[first]\n  spaced key  =  spaced value  \r\n"
+              "; a = comment\r\n# another = comment\ntop = 1\n[first]\n  spaced key  =  spaced value  \r\n"
               "dup=first\nno equals sign\nempty=\n=nokey\n[second]\ndup=second\neq=a=b\n");
     // Every section is searched and the first match wins; keys are case-sensitive.
-    std::pair<char const*, char const*> const expected[] = {
-        {"top", "1"},  {"spaced key", "spaced value"}, {"dup", "first"},  {"eq", "a=b"},
-        {"empty", ""}, {"no equals sign", ""},         {"# another", ""}, {"Top", ""},
-        {"", ""}};
+    std::pair<char const*, char const*> const expected[] = {{"top", "1"},      {"spaced key", "spaced value"},
+                                                            {"dup", "first"},  {"eq", "a=b"},
+                                                            {"empty", ""},     {"no equals sign", ""},
+                                                            {"# another", ""}, {"; a", ""},
+                                                            {"Top", ""},       {"", ""}};
     for (auto const& [key, value] : expected) EXPECT_EQ(lookUp(path, key), value) << key;
 }
 

@@ -204,4 +204,41 @@ TEST(MessageBatch, ReportsTheMessagesWrittenWholeWhenThePeerCloses) {
     }
 }
 
+// A long run of small messages in batches of changing sizes arrives whole, in order, with its
+// types: every batch boundary falls somewhere else in the receiver's read-ahead.
+TEST(MessageBatch, AMillionSmallMessagesArriveInOrder) {
+    constexpr unsigned kCount = 1000000, kSize = 100;
+    std::vector<char> bodies(1000 * kSize);  // message i has body i % 1000
+    for (size_t k = 0; k < bodies.size(); ++k) bodies[k] = static_cast<char>(k % 251);
+    Watchdog watchdog(200);
+    StreamSocket listener;
+    listener.CreateListenerSocket(0);
+    bool sent = true;
+    std::thread sender([&] {
+        static unsigned const kBatchSizes[] = {1, 2, 7, 64, 333, 1000};
+        cTypedMessageBatch batch;
+        StreamSocket client;
+        client.ConnectLocal(nSock::gLocalPort(listener.GetHandle()), boundedOptions());
+        for (unsigned i = 0, round = 0; i < kCount && sent; ++round) {
+            batch.Clear();
+            for (unsigned n = std::min(kBatchSizes[round % 6], kCount - i); n > 0; --n, ++i)
+                batch.Add(static_cast<short>(i & 0x7fff), static_cast<short>(i >> 15), &bodies[i % 1000 * kSize],
+                          kSize);
+            sent = client.SendTypedMessageBatch(batch);
+        }
+    });
+    StreamSocket server(listener.Accept(boundedOptions()));
+    unsigned i = 0;
+    for (; i < kCount; ++i) {
+        Received const r(server);
+        if (!r.ok || r.length != int(kSize) || r.type != static_cast<short>(i & 0x7fff) ||
+            r.subType != static_cast<short>(i >> 15) || std::memcmp(r.data, &bodies[i % 1000 * kSize], kSize) != 0)
+            break;
+    }
+    EXPECT_EQ(i, kCount) << "message " << i << " did not arrive, or arrived changed or out of order";
+    server.CloseSocket();  // ends a sender that is still sending
+    sender.join();
+    EXPECT_TRUE(sent);
+}
+
 }  // namespace

@@ -419,7 +419,6 @@ TEST(AssociativeArrayConvert, ValuesAreConvertedAndLengthsRewritten) {
     // An unknown code page fails the leaf conversions; a form is still written, the failed value empty.
     EXPECT_EQ(convert("plain", -1, 2, 4242), "failed:");
     EXPECT_EQ(convert("1 '1 k '1 v ", -1, 2, 4242), "failed:1 '1 k '0  ");
-    for (int mode : {0, 1, 2}) EXPECT_EQ(convert(nullptr, 4, mode), "failed:stale");
 }
 
 TEST(AssociativeArrayConvert, PlainTextAndNegativeCountsAreLogged) {
@@ -433,17 +432,6 @@ TEST(AssociativeArrayConvert, PlainTextAndNegativeCountsAreLogged) {
         texts(errors.records()),
         (Texts{leaf + "Error", "Negative number of arguments: \t-1\t input : \t'1 \xe9 '1 b ", leaf + "Error", leaf}));
     EXPECT_EQ(errors.records()[0].tag + std::to_string(errors.count("associativearray")), "Trace1");
-}
-
-TEST(AssociativeArrayConvert, OldConverterCutsAtNulAndUnknownModesFail) {
-    nTagScope::ErrorRecords errors;
-    // The old converter's text ends at the NUL (the cut text is no form, so a leaf); a count below one
-    // gives no pairs and no record.
-    EXPECT_EQ(convert("1 '3 k\0x '3 \xe9\0b ", 99, 1), "1 '3 k");
-    EXPECT_EQ(convert("-2 '1 a '1 b ", 13, 1) + std::to_string(errors.total()), "-2 0");
-    // An unknown mode fails with an empty Error record and leaves `out` as it was.
-    EXPECT_EQ(convert("1 '1 k '1 v ", -1, -1), "failed:stale");
-    EXPECT_EQ(texts(errors.records()), Texts{""});
 }
 
 // A text form nested `levels` deep: each level one pair (key, next level) around `text`.

@@ -8,6 +8,7 @@
 #include <unistd.h>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 
@@ -16,12 +17,16 @@ namespace colloquy {
 namespace {
 
 // Gathering writes its temporary files into the working directory (and leaves them there when
-// a command fails), so the tool gathers inside a scratch directory and removes it afterwards.
+// a command fails), so the tool gathers inside a scratch directory (under $TMPDIR, or /tmp) and
+// removes it afterwards.
 class ScratchDirectory {
   public:
     ScratchDirectory() {
-        char pattern[] = "/tmp/colloquy-report-XXXXXX";
-        if (!::mkdtemp(pattern)) throw Failure(std::string("cannot make a scratch directory: ") + std::strerror(errno));
+        char const* const temporary = std::getenv("TMPDIR");
+        std::string pattern = std::string(temporary && *temporary ? temporary : "/tmp") + "/colloquy-report-XXXXXX";
+        if (!::mkdtemp(pattern.data()))
+            throw Failure("cannot make a scratch directory in " + pattern.substr(0, pattern.rfind('/')) + ": " +
+                          std::strerror(errno));
         mPath = pattern;
         mHome = ::open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         if (mHome < 0 || ::chdir(mPath.c_str()) != 0) {

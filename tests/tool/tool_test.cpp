@@ -1,4 +1,5 @@
 // The colloquy tool end to end: real processes, files on its standard streams, loopback sockets.
+#include "envscope.h"
 #include "files.h"
 #include "msghdr.h"
 #include "netmsg.h"
@@ -439,6 +440,33 @@ TEST(Tool, ListenDropsABadConnectionInOneLineAndServesTheOthers) {
                  "colloquy listen: " + nameOf(second) + ": refused, --max-connections 1 are open\n");
 }
 
+// Peers sending at the same time, while another stays silent: whole messages, numbered in one
+// sequence, none lost.
+TEST(Tool, ListenTakesPeersSendingAtOnce) {
+    Tool busy(words("listen 0 --count 120 --json"));
+    std::string const port = busy.port();
+    // A silent peer, and one announcing a message over the default --max-size.
+    RawFd const silent = connectTo(port), big = connectTo(port);
+    rawSend(big, bytesOf(header((64 << 20) + 1)));
+    EXPECT_TRUE(
+        busy.awaits("colloquy listen: " + nameOf(big) +
+                        ": peer announced a 67108865-byte message, over --max-size 67108864; connection dropped\n",
+                    true));
+    std::vector<std::unique_ptr<Tool>> senders;
+    for (char const* value : {"a", "b", "c"})
+        senders.push_back(
+            std::make_unique<Tool>(words("send 127.0.0.1 " + port + " --type 1 --subtype 2 --count 40 k=" + value)));
+    for (auto& sender : senders) EXPECT_EQ(sender->finish().status, 0);
+    std::string const heard = busy.finish().out, json = shownMessages()[0].json;
+    std::map<char, int> perValue;
+    for (size_t start = 0, end, n = 1; (end = heard.find('\n', start)) != std::string::npos; start = end + 1, ++n) {
+        std::string line = heard.substr(start, end - start + 1);
+        ++perValue[line.end()[-5]];
+        EXPECT_EQ(line.replace(line.size() - 5, 1, "v"), "{\"n\":" + std::to_string(n) + json);
+    }
+    EXPECT_EQ(perValue, (std::map<char, int>{{'a', 40}, {'b', 40}, {'c', 40}}));
+}
+
 // A tap between a raw client and a raw server: every byte forwarded both ways, either side's end
 // passed on, reports of what cannot be framed, and a client turned away when the server is gone.
 TEST(Tool, TapForwardsEveryByteBothWaysAndReportsWhatItCannotFrame) {
@@ -523,13 +551,15 @@ TEST(Tool, DemoBenchAndReportRun) {
         EXPECT_NE(bench.out.find("\none-way " + std::string(calls)), std::string::npos) << bench.out;
         EXPECT_NE(bench.out.find(" us (200 round trips)\n"), std::string::npos) << bench.out;
     }
-    // The report leaves no scratch files beside its output.
+    // The report leaves no scratch files beside its output, and its $TMPDIR as it found it.
     ScratchScope const scratch("colloquy_tool");
-    std::string const path = scratch.path + "/report.txt";
+    std::string const path = scratch.path + "/report.txt", gathering = scratch.path + "/tmp";
+    mkdir(gathering.c_str(), 0700);
+    EnvScope const temporary("TMPDIR", gathering.c_str());
     expectResult(tool({"report", "--output", path}), 0, "", "report written to " + path + "\n");
     EXPECT_EQ(gReadFile(path).rfind("\n" + std::string(79, '=') + "\nComplete Report For Host: ", 0), 0u);
     std::remove(path.c_str());
-    EXPECT_EQ(rmdir(scratch.path.c_str()), 0) << "the report left files beside its output";
+    EXPECT_EQ(rmdir(gathering.c_str()) + rmdir(scratch.path.c_str()), 0) << "the report left files or took $TMPDIR";
 }
 
 }  // namespace

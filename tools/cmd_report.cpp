@@ -40,7 +40,8 @@ class ScratchDirectory {
             ::close(mHome);
         }
         if (DIR* dir = ::opendir(mPath.c_str())) {
-            while (dirent* entry = ::readdir(dir))
+            // readdir64: a 32-bit readdir stops with EOVERFLOW at the first 64-bit inode number.
+            while (dirent64* entry = ::readdir64(dir))
                 if (std::strcmp(entry->d_name, ".") && std::strcmp(entry->d_name, ".."))
                     std::remove((mPath + "/" + entry->d_name).c_str());
             ::closedir(dir);

@@ -1,6 +1,10 @@
 # Compiler flags shared by every target of the project. The warnings live here and only here.
 
 add_compile_options(-Wall -Wextra)
+# 64-bit file offsets and inode numbers in the 32-bit build too: without them open() refuses a log
+# file past 2 GiB and readdir() stops at the first 64-bit inode number. No exported header carries
+# off_t, ino_t or struct stat, so hosts built without the flag link against the same interface.
+add_compile_definitions(_FILE_OFFSET_BITS=64)
 # The libraries and the tool are held to stricter warnings than tests and benchmarks.
 set(COLLOQUY_STRICT_WARNINGS -Wshadow -Wconversion -Wold-style-cast -Wmissing-declarations -Wcast-qual
     -Wnon-virtual-dtor)

@@ -40,8 +40,7 @@ class ScratchDirectory {
             ::close(mHome);
         }
         if (DIR* dir = ::opendir(mPath.c_str())) {
-            // readdir64: a 32-bit readdir stops with EOVERFLOW at the first 64-bit inode number.
-            while (dirent64* entry = ::readdir64(dir))
+            while (dirent* entry = ::readdir(dir))
                 if (std::strcmp(entry->d_name, ".") && std::strcmp(entry->d_name, ".."))
                     std::remove((mPath + "/" + entry->d_name).c_str());
             ::closedir(dir);

@@ -54,7 +54,9 @@ TEST_F(CollectionsTest, StringsAreLengthCountedAndNulSafeAndTokenized) {
     EXPECT_EQ(s.assign("yz", 1), "y");
     EXPECT_TRUE(RWCString("a\0b", 3) != RWCString("a") && RWCString("a") != "b" && !(RWCString("a") != "a") &&
                 RWCString("a\0b", 3).hash() != RWCString("a\0c", 3).hash() &&
-                RWCString("xyz").hash() == RWCString::hash("xyz", 3) && RWCString("a").hash() != RWCString("b").hash());
+                RWCString("xyz").hash() == RWCString::hash("xyz", 3) &&
+                RWCString("a").hash() != RWCString("b").hash() && RWCString("a") < RWCString("b") &&
+                !(RWCString("a") < RWCString("a")));
 
     RWCString const text("  one two\tthree\n");
     RWCTokenizer next(text);
@@ -138,6 +140,13 @@ TEST_F(CollectionsTest, DictionaryOwnershipAndReplacement) {
     EXPECT_EQ(gDestroyed, 5);
     d.clearAndDestroy();
     EXPECT_EQ(gDestroyed, 7);
+    // A key hashing to 0 lives in slot 0, a slot like the others.
+    RWCollectableInt zero(0), one(1), two(2);
+    RWCollectable* old = nullptr;
+    d.insertKeyAndValue(&zero, &one);
+    EXPECT_EQ(
+        (Ptrs{d.findValue(&zero, &two), d.findKeyAndValue(&zero, old), old, d.removeKeyAndValue(&zero, old), old}),
+        (Ptrs{&one, &zero, &two, &zero, &two}));
 }
 
 // Growth from four buckets, removed slots, reserve (smaller and larger than the contents), copies

@@ -64,10 +64,13 @@ TEST_F(Settings, HandlesLiveWithTheirTable) {
     std::string const path = write("h.ini", "k=v\n");
     int handle = 0, second = 0;
     {
-        QREnvContainerClass table, other;
+        QREnvContainerClass table;
         ASSERT_TRUE(nEnvSettings::gFileInitTable(table, path.c_str(), handle));
-        ASSERT_FALSE(nEnvSettings::gFileInitTable(other, (path + ".missing").c_str(), second));
-        EXPECT_NE(handle, second);
+        {
+            QREnvContainerClass other;
+            ASSERT_FALSE(nEnvSettings::gFileInitTable(other, (path + ".missing").c_str(), second));
+            EXPECT_NE(handle, second);
+        }  // takes its own handle alone with it
         EXPECT_EQ(property(handle, "k") + property(second, "k"), "v");
     }
     EXPECT_EQ(property(handle, "k") + property(-5, "k") + property(handle, nullptr), "");

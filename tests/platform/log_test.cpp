@@ -84,6 +84,10 @@ TEST(Log, TheEnvironmentChoosesTheTagsAndTheFile) {
     EXPECT_EQ(stat(path.c_str(), &status) == 0 ? status.st_mode & 0777 : 0, 0644u);
     runProbe("0<&-", path);  // a second run appends, also when the file takes descriptor 0
     EXPECT_EQ(gReadFile(path).size(), 2 * log.size());
+    off_t const large = off_t{3} << 30;  // a log past 2 GiB (sparse) is appended to, in a 32-bit build too
+    ASSERT_EQ(truncate(path.c_str(), large), 0);
+    runProbe("", path);
+    EXPECT_EQ(stat(path.c_str(), &status) == 0 ? status.st_size - large : 0, static_cast<off_t>(log.size()));
     std::remove(path.c_str());
     EXPECT_EQ(runProbe("COLLOQUY_LOG=' Trace,,none,ColloquyT '", path), "Trace ColloquyT \n");
     EXPECT_NE(gReadFile(path).find("ColloquyT\tColloquyUtil\t../src/probe\t7\t"), std::string::npos);

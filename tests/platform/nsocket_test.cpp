@@ -155,6 +155,33 @@ TEST(SocketLayer, TimeOutKeepsTheBytesForTheNextReceive) {
 
 // A receive of the library, waiting in poll (with a limit) or in recv (without one), in a thread
 // that is sent signals before and after the bytes arrive.
+// A daemon that has closed its standard input gets its next socket on descriptor 0: there a
+// listener, then a connection, work like any other socket.
+TEST(SocketLayer, DescriptorZeroIsASocketLikeAnyOther) {
+    struct InputClosed {
+        RawFd saved{::dup(0)};
+        InputClosed() { ::close(0); }
+        ~InputClosed() { ::dup2(saved.get(), 0); }
+    };
+    unsigned short rawPort = 0;
+    RawFd const raw = rawListener(rawPort);
+    InputClosed const closed;
+    nSock::cHandleValid const listener = nSock::gCreateListener(0);
+    ASSERT_EQ(listener.descriptor(), 0);
+    nSock::cHandleValid const client = nSock::gCreateConnectedLocal(nSock::gLocalPort(listener), boundedOptions());
+    nSock::cHandleValid const server = nSock::gAccept(listener, boundedOptions());
+    EXPECT_TRUE(nSock::gClose(listener));
+    nSock::cHandleValid const zero = nSock::gCreateConnectedLocal(rawPort, boundedOptions());
+    RawFd const peer = rawAccept(raw);
+    nSock::cSendPiece const piece{"def", 3};
+    EXPECT_TRUE(zero.descriptor() == 0 && nSock::gSend(zero, 3, "abc") && nSock::gSendPieces(zero, &piece, 1) == 3);
+    EXPECT_EQ(rawReceive(peer, 6), bytesOf("abcdef"));
+    rawSend(peer, bytesOf("xyz"));
+    char got[3] = {};
+    EXPECT_TRUE(nSock::gReceive(zero, 3, got, false, patience()) && std::string(got, 3) == "xyz" &&
+                nSock::gClose(zero));
+}
+
 TEST(SocketLayer, SignalsDoNotInterruptAReceive) {
     SignalScope signals(SIGUSR1, [](int) {});
     Watchdog watchdog(60);

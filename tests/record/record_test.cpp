@@ -330,8 +330,10 @@ TEST(AssociativeArrayReader, SyntaxErrorsCarryTheWholeInputAndAreLoggedTwice) {
     errors.clear();
     EXPECT_THROW(record.FromString("1 '2 ab 3 xyz ", 14), CIllegalAssoSyntaxException);
     EXPECT_THROW(record.FromStringX2_deprecate("1 '2 ab '30 xyz and more text"), CIllegalAssoSyntaxException);
-    EXPECT_EQ(texts(errors.records()), (Texts{"Illegal associative array syntax: 3 xyz ", "14\t1 '2 ab 3 xyz ",
-                                              "Illegal associative array syntax: Error", "14\t1 '2 ab '30 xy"}));
+    EXPECT_THROW(record.FromStringZTS("1 '2 ab '40 xyz and more text"), CIllegalAssoSyntaxException);
+    std::string const cut = "Illegal associative array syntax: Error";
+    EXPECT_EQ(texts(errors.records()), (Texts{"Illegal associative array syntax: 3 xyz ", "14\t1 '2 ab 3 xyz ", cut,
+                                              "14\t1 '2 ab '30 xy", cut, "14\t1 '2 ab '40 xy"}));
 }
 
 // What gParseInt reads and how far it moves the cursor: past the blank even when it refuses the number.
@@ -426,6 +428,7 @@ TEST(AssociativeArrayConvert, PlainTextAndNegativeCountsAreLogged) {
     nTagScope::ErrorRecords errors;
     EXPECT_EQ(x1("abc"), "abc");
     EXPECT_EQ(x1("-1 '1 \xe9 '1 b "), "-1 '1 \xc3\xa9 '1 b ");
+    EXPECT_EQ(x1("0 "), "0 ");  // no pairs, and nothing to report
     // The value "b" is a leaf, then the whole text is, its pairs running out.
     std::string const leaf = "gConvertX1Internal_patch\tIllegal associative array syntax: ";
     EXPECT_EQ(

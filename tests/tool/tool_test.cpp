@@ -261,6 +261,7 @@ TEST(Tool, CommandsOnStandardStreams) {
         {"bench --batch 0", "", 2, outside("--batch", "1 to 1048576", "0")},
         {"report x", "", 2, "report takes no arguments besides --output FILE"},
         {"report --output /nonexistent/r", "", 1, "cannot create /nonexistent/r: No such file or directory"},
+        {"report --output /dev/full", "", 1, "cannot write /dev/full"},
         {"demo x", "", 2, "demo takes no arguments"},
     };
     for (auto const& [args, input, status, expected] : cases) {

@@ -20,9 +20,8 @@ TEST(FileAssociations, EveryFileIsStoredWithTheEmptyDestination) {
         archive.AddFileAssociation("a.txt", destination);
         EXPECT_STREQ(archive.GetFileAssociate("a.txt"), "");  // neither default is consulted either
     }
-    archive.AddFileAssociation("b.txt", "/elsewhere");
-    EXPECT_EQ(archive.entries(), 2u);  // replaced, not added
-    EXPECT_EQ(archive.BuildDefDestPath("a.txt", true), "");
+    archive.AddFileAssociation("b.txt", "/elsewhere");  // a.txt was replaced, not added
+    EXPECT_EQ(std::pair(archive.entries(), archive.BuildDefDestPath("a.txt", true)), std::pair(size_t(2), ""s));
     EXPECT_THROW(archive.GetFileAssociate("unknown"), CAssoKeyDoesNotExistException);
     FilesAssociationArchive::SetDefualtGlobalDestinationDirectory("");
     // The default directory belongs to each archive; null directories are refused.
@@ -33,13 +32,11 @@ TEST(FileAssociations, EveryFileIsStoredWithTheEmptyDestination) {
 
     // One iterator, restarted by every call, also in the middle of a walk.
     RWHashDictionaryIterator* const first = archive.GetIterator();
-    ASSERT_NE(first, nullptr);
-    ASSERT_NE((*first)(), nullptr);
+    ASSERT_TRUE(first && (*first)());
     EXPECT_EQ(archive.GetIterator(), first);
     int walked = 0;
     while (RWCollectable* key = (*first)()) walked += static_cast<RWCollectableString*>(key)->view().back() == 't';
-    EXPECT_EQ(walked, 2);
-    EXPECT_EQ((*first)(), nullptr);  // exhausted
+    EXPECT_EQ(std::tuple(walked, (*first)()), std::tuple(2, nullptr));  // and stays exhausted
     EXPECT_EQ((*FilesAssociationArchive().GetIterator())(), nullptr);
 }
 

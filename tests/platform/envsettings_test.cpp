@@ -33,17 +33,15 @@ class Settings : public ::testing::Test {
 };
 
 TEST_F(Settings, IniRules) {
-    std::string const path =
-        write("rules.ini",
-              "; a = comment\r\n# another = comment\ntop = 1\n[first]\n  spaced key  =  spaced value  \r\n"
-              "dup=first\nno equals sign\nempty=\n=nokey\n[second]\ndup=second\neq=a=b\n");
+    std::string const path = write("rules.ini",
+                                   "; a = comment\r\n# another = comment\ntop = 1\n[first]\n"
+                                   "  spaced key  =  spaced value  \r\ndup=first\nno equals sign\n"
+                                   "empty=\n=nokey\n[second]\ndup=second\neq=a=b\n");
     // Every section is searched and the first match wins; keys are case-sensitive.
-    std::pair<char const*, char const*> const expected[] = {{"top", "1"},      {"spaced key", "spaced value"},
-                                                            {"dup", "first"},  {"eq", "a=b"},
-                                                            {"empty", ""},     {"no equals sign", ""},
-                                                            {"# another", ""}, {"; a", ""},
-                                                            {"Top", ""},       {"", ""}};
-    for (auto const& [key, value] : expected) EXPECT_EQ(lookUp(path, key), value) << key;
+    std::string values;
+    for (char const* key : {"top", "spaced key", "dup", "eq", "empty", "no equals sign", "# another", "; a", "Top", ""})
+        values += lookUp(path, key) + "|";
+    EXPECT_EQ(values, "1|spaced value|first|a=b|||||||");
 }
 
 TEST_F(Settings, BareNamesAreFoundInTheCurrentDirectoryThenInQrBin) {
@@ -77,8 +75,7 @@ TEST_F(Settings, HandlesLiveWithTheirTable) {
 }
 
 TEST_F(Settings, MacrosExpandFromTheEnvironment) {
-    QREnvContainerClass table;
-    auto resolve = [&table](char const* text) { return table.QRERuntimeResolve(text).stdString(); };
+    auto resolve = [](char const* text) { return QREnvContainerClass().QRERuntimeResolve(text).stdString(); };
     EnvScope set("ENVSETTINGS_TEST_DIR", "/opt/x"), unset("ENVSETTINGS_TEST_UNSET", nullptr);
     EXPECT_EQ(resolve("#(ENVSETTINGS_TEST_DIR)/a/#(ENVSETTINGS_TEST_DIR)") + "|" +
                   resolve("a#(ENVSETTINGS_TEST_UNSET)b") + "|" + resolve("keep #(open") + "|" + resolve(nullptr) + "|" +

@@ -12,5 +12,4 @@ int main() {
         if (tag->enabled()) std::printf("%s ", tag->name());
     }
     std::printf(nLog::gIsEnabled("none") ? "none \n" : "\n");
-    return 0;
 }

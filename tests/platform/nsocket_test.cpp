@@ -1,5 +1,5 @@
 // The socket layer beyond the stream socket: host names, IPv6 and a system without it, connection
-// errors, time-outs that keep the bytes, refused arguments, signals, closing from another thread.
+// errors, time-outs that keep the bytes, refused arguments, descriptor 0, signals, closing from another thread.
 #include "streamtest.h"
 
 #include <fcntl.h>
@@ -27,9 +27,8 @@ extern "C" __attribute__((visibility("default"))) int accept4(int fd, sockaddr* 
 }
 
 extern "C" __attribute__((visibility("default"))) int socket(int domain, int type, int protocol) {
-    if (!tNoIPv6 || domain != AF_INET6) return static_cast<int>(syscall(SYS_socket, domain, type, protocol));
-    errno = EAFNOSUPPORT;
-    return -1;
+    if (tNoIPv6 && domain == AF_INET6) return errno = EAFNOSUPPORT, -1;
+    return static_cast<int>(syscall(SYS_socket, domain, type, protocol));
 }
 
 namespace {
@@ -56,9 +55,7 @@ std::string errorOf(std::function<void()> const& action, int* resolveError = nul
 // Whether this machine has the IPv6 loopback address (some containers turn IPv6 off).
 bool hasIPv6Loopback() {
     RawFd fd(::socket(AF_INET6, SOCK_STREAM, 0));
-    sockaddr_in6 address{};
-    address.sin6_family = AF_INET6;
-    address.sin6_addr = in6addr_loopback;
+    sockaddr_in6 address{AF_INET6, 0, 0, in6addr_loopback, 0};
     return fd.get() >= 0 && ::bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
 }
 
@@ -74,7 +71,7 @@ TEST(SocketLayer, ConnectsByAddressNameAndIPv6AndReportsFailuresWithHostPortAndE
         if (!noIPv6 && hasIPv6Loopback()) hosts.push_back("::1");
         for (std::string const& host : hosts) {
             SCOPED_TRACE(host + (noIPv6 ? " without IPv6" : ""));
-            nSock::cHandleValid client = nSock::gCreateConnected(host, port, nSock::cSocketOptions());
+            nSock::cHandleValid client = nSock::gCreateConnected(host, port, defaults);
             int noDelay = 0;  // the default options turn TCP_NODELAY on
             socklen_t size = sizeof noDelay;
             // A signal, a connection reset while queued, one taken by another thread: accept goes on.
@@ -88,14 +85,12 @@ TEST(SocketLayer, ConnectsByAddressNameAndIPv6AndReportsFailuresWithHostPortAndE
             nSock::gDelete(client);
             nSock::gDelete(server);
         }
-        tNoIPv6 = false;
         auto text = [port](std::string const& operation, std::string const& host, int error) {
             return operation + " " + host + " port " + std::to_string(port) + ": " + std::strerror(error) + " (errno " +
                    std::to_string(error) + ")";
         };
-        tNoIPv6 = noIPv6;  // a socket the system cannot make is reported with its reason
-        if (noIPv6) {
-            EXPECT_EQ(errorOf([&] { nSock::gCreateConnected("::1", port, nSock::cSocketOptions()); }),
+        if (noIPv6) {  // a socket the system cannot make is reported with its reason
+            EXPECT_EQ(errorOf([&] { nSock::gCreateConnected("::1", port, defaults); }),
                       text("connect to", "::1", EAFNOSUPPORT));
         }
         tNoIPv6 = false;
@@ -105,12 +100,12 @@ TEST(SocketLayer, ConnectsByAddressNameAndIPv6AndReportsFailuresWithHostPortAndE
                   text("accept on", local, ETIMEDOUT));
         nSock::gDelete(listener);
         EXPECT_EQ(nSock::gLocalPort(listener), 0);
-        EXPECT_EQ(errorOf([&] { nSock::gCreateConnected("127.0.0.1", port, nSock::cSocketOptions()); }),
+        EXPECT_EQ(errorOf([&] { nSock::gCreateConnected("127.0.0.1", port, defaults); }),
                   text("connect to", "127.0.0.1", ECONNREFUSED));
     }
     int resolveError = 0;  // a name that does not resolve says so, with the resolver's reason
     std::string const unresolved =
-        errorOf([] { nSock::gCreateConnected("no-such-host.invalid", 7, nSock::cSocketOptions()); }, &resolveError);
+        errorOf([&] { nSock::gCreateConnected("no-such-host.invalid", 7, defaults); }, &resolveError);
     EXPECT_NE(resolveError, 0);
     EXPECT_EQ(unresolved, "resolve no-such-host.invalid port 7: the name did not resolve: " +
                               std::string(::gai_strerror(resolveError)));
@@ -128,10 +123,11 @@ TEST(SocketLayer, TimeOutKeepsTheBytesForTheNextReceive) {
         mutable std::vector<bool> asked;
     };
     RawPeerPair pair;
+    Bytes got;
     for (size_t size : {size_t(8), size_t(100000)}) {
         SCOPED_TRACE(size);
         RecordingLatency quick;
-        Bytes message(size), got;
+        Bytes message(size);
         for (size_t k = 0; k < size; ++k) message[k] = static_cast<unsigned char>(k * 7 + k / 251);
         auto const split = message.begin() + static_cast<long>(size * 3 / 5);
         rawSend(pair.peer, Bytes(message.begin(), split));
@@ -149,12 +145,9 @@ TEST(SocketLayer, TimeOutKeepsTheBytesForTheNextReceive) {
               (std::vector<bool>{false, false, true, false, false, true, true}));
     EXPECT_EQ(rawReceive(pair.peer, 2), bytesOf("ok"));
     RawPeerPair bounded(boundedOptions(nTime::cDiff(20)));  // options alone bound a receive without latency
-    Bytes got;
     EXPECT_FALSE(receive(bounded, got, 1, nullptr));
 }
 
-// A receive of the library, waiting in poll (with a limit) or in recv (without one), in a thread
-// that is sent signals before and after the bytes arrive.
 // A daemon that has closed its standard input gets its next socket on descriptor 0: there a
 // listener, then a connection, work like any other socket.
 TEST(SocketLayer, DescriptorZeroIsASocketLikeAnyOther) {
@@ -182,6 +175,8 @@ TEST(SocketLayer, DescriptorZeroIsASocketLikeAnyOther) {
                 nSock::gClose(zero));
 }
 
+// A receive of the library, waiting in poll (with a limit) or in recv (without one), in a thread
+// that is sent signals before and after the bytes arrive.
 TEST(SocketLayer, SignalsDoNotInterruptAReceive) {
     SignalScope signals(SIGUSR1, [](int) {});
     Watchdog watchdog(60);
@@ -207,23 +202,15 @@ bool waitOn(Wait wait, nSock::cHandleValid const& h) {
     if (wait == kSend || wait == kGatheredSend)
         ::setsockopt(h.descriptor(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
     nSock::cSendPiece const pieces[] = {{bytes, 1000}, {bytes + 1000, sizeof bytes - 1000}};
-    try {
-        switch (wait) {
-            case kSmallReceive:  // into the read buffer, no limit
-                return nSock::gReceive(h, 64, bytes, false, nullptr);
-            case kLargeReceive:  // straight into the caller's buffer, with a limit (poll)
-                return nSock::gReceive(h, 100000, bytes, false, patience());
-            case kSend:
-                return nSock::gSend(h, sizeof bytes, bytes);
-            case kGatheredSend:
-                return nSock::gSendPieces(h, pieces, 2) == sizeof bytes;
-            case kAccept:
-                nSock::gAccept(h, nSock::cSocketOptions());
-        }
+    try {  // a small receive fills the read buffer (no limit), a large one the caller's (poll)
+        return wait == kSmallReceive   ? nSock::gReceive(h, 64, bytes, false, nullptr)
+               : wait == kLargeReceive ? nSock::gReceive(h, 100000, bytes, false, patience())
+               : wait == kSend         ? nSock::gSend(h, sizeof bytes, bytes)
+               : wait == kGatheredSend ? nSock::gSendPieces(h, pieces, 2) == sizeof bytes
+                                       : (nSock::gAccept(h, nSock::cSocketOptions()), true);
     } catch (nSock::cSocketException const& e) {
         return e.systemError() != EBADF;
     }
-    return true;
 }
 
 // A thread waits on a handle (or is about to) while another closes it, thousands of times: the
@@ -251,10 +238,8 @@ TEST(SocketLayer, ClosingFromAnotherThreadEndsTheWaitAndReleasesAfterIt) {
             // Close at once, after a yield or after a pause: before, during and after the wait begins.
             if (round % 3 == 1) std::this_thread::yield();
             if (round % 3 == 2) std::this_thread::sleep_for(std::chrono::microseconds(200));
-            nSock::cHandleValid const copy = target;
-            EXPECT_TRUE(nSock::gClose(copy) && !nSock::gIsValid(target));
+            EXPECT_TRUE(nSock::gClose(nSock::cHandleValid(target)) && !nSock::gIsValid(target));  // through a copy
             waiter.join();
-            // The wait failed, the descriptor is closed, a second close fails.
             EXPECT_EQ((std::vector<bool>{succeeded, ::fcntl(fd, F_GETFD) != -1, nSock::gClose(target)}),
                       (std::vector<bool>(3, false)))
                 << "round " << round;
@@ -263,14 +248,12 @@ TEST(SocketLayer, ClosingFromAnotherThreadEndsTheWaitAndReleasesAfterIt) {
     }
     // The descriptor number of a closed handle passes to a new socket, which the end of the
     // handle's last copy leaves open.
-    RawFd reused;
-    {
-        nSock::cHandleValid const closed = nSock::gCreateListener(0);
-        int const fd = closed.descriptor();
-        EXPECT_TRUE(nSock::gClose(closed));
-        reused.reset(::socket(AF_INET, SOCK_STREAM, 0));
-        ASSERT_EQ(reused.get(), fd);
-    }
+    std::optional<nSock::cHandleValid> closed = nSock::gCreateListener(0);
+    int const fd = closed->descriptor();
+    EXPECT_TRUE(nSock::gClose(*closed));
+    RawFd const reused(::socket(AF_INET, SOCK_STREAM, 0));
+    ASSERT_EQ(reused.get(), fd);
+    closed.reset();
     EXPECT_NE(::fcntl(reused.get(), F_GETFD), -1);
 }
 

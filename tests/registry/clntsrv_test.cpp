@@ -35,6 +35,7 @@ struct TestClient : ClientObj {
 struct TestServer : ServerObj {
     TestServer() : ServerObj(16) {}
     size_t entries() const { return eventTable->entries(); }
+    BaseEvent* find(int key) const { return findEvent(*std::make_unique<KeyedEvent>(key)); }
     void dropTable() { eventTable.reset(); }
 };
 
@@ -69,9 +70,8 @@ TEST_F(RegistryTest, SignOnAndDispatchStayInTheTable) {
     // that index; an occupied one is reused (count above it); from an empty one the next occupied, up to the last.
     TestClient other;
     BaseEvent toKeep(0, &other, other.add(true)), toFinish(0, &other, other.add(false)), incoming(0, nullptr, 99);
-    EXPECT_EQ(toKeep.dispatchMe(), 1);
-    EXPECT_EQ(std::pair(toFinish.dispatchEvent(incoming), incoming.handlerIndex),
-              std::pair(0, 2));  // the event's handler
+    EXPECT_EQ((std::tuple{toKeep.dispatchMe(), toFinish.dispatchEvent(incoming), incoming.handlerIndex}),
+              std::tuple(1, 0, 2));  // incoming runs under the event's handler
     EXPECT_EQ(other.seen, (std::vector<BaseEvent*>{&toKeep, &incoming}));
     int const outOfStep[][4] = {{300, 0, 256, 2}, {1, 5, 1, 2}, {0, 3, 1, 3}, {254, 0, 256, 2}};
     for (auto& [highest, count, index, reports] : outOfStep) {
@@ -113,19 +113,15 @@ TEST_F(RegistryTest, DispatchEventKeepsOrDropsTheClient) {
     for (int key = 0; key < 6; ++key)
         server.registerEvent(*new KeyedEvent(key, key % 2 ? dropped : kept, key % 2 ? finish : keep));
     server.registerEvent(*new KeyedEvent(-1, dropped, finish));  // found by the walk alone
-    KeyedEvent keptProbe(0), droppedProbe(1);
-    BaseEvent* const keptEvent = server.findEvent(keptProbe);
+    BaseEvent* const keptEvent = server.find(0);
     server.dispatchEvent(*keptEvent);  // a handler answering 1 changes nothing
     EXPECT_EQ(kept->seen, std::vector<BaseEvent*>{keptEvent});
     EXPECT_EQ(std::tuple(server.entries(), gEventsDestroyed, gClientsDestroyed), std::tuple(size_t(7), 0, 0));
     // Answering 0 destroys all the client's events (the dispatched one too), then the client.
-    server.dispatchEvent(*server.findEvent(droppedProbe));
+    server.dispatchEvent(*server.find(1));
     EXPECT_EQ(std::tuple(gEventsDestroyed, gClientsDestroyed, server.entries()), std::tuple(4, 1, size_t(3)));
-    for (int key = 0; key < 6; ++key) {
-        KeyedEvent probe(key);
-        BaseEvent* const found = server.findEvent(probe);
-        EXPECT_EQ(found ? found->eventClient : nullptr, key % 2 ? nullptr : kept) << key;
-    }
+    for (int key = 0; key < 6; ++key)
+        EXPECT_EQ(server.find(key) ? server.find(key)->eventClient : nullptr, key % 2 ? nullptr : kept) << key;
     kept->pleaseUnRegisterAll(server);
     EXPECT_EQ(std::pair(gEventsDestroyed, server.entries()), std::pair(7, size_t(0)));
     delete kept;

@@ -5,8 +5,7 @@
 #include <cstdlib>
 #include <string>
 
-class EnvScope {
-  public:
+struct EnvScope {
     EnvScope(char const* name, char const* value) : mName(name) {
         if (char const* old = std::getenv(name)) mOld = old, mHad = true;
         value ? setenv(name, value, 1) : unsetenv(name);
@@ -14,8 +13,6 @@ class EnvScope {
     ~EnvScope() { mHad ? setenv(mName, mOld.c_str(), 1) : unsetenv(mName); }
     EnvScope(EnvScope const&) = delete;
     EnvScope& operator=(EnvScope const&) = delete;
-
-  private:
     char const* mName;
     std::string mOld;
     bool mHad = false;

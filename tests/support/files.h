@@ -11,9 +11,7 @@
 
 inline std::string gReadFile(std::string const& path) {
     std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 inline void gWriteFile(std::string const& path, std::string const& text, mode_t mode = 0644) {
@@ -51,8 +49,6 @@ struct ScratchScope {
     ScratchScope(ScratchScope const&) = delete;
     ScratchScope& operator=(ScratchScope const&) = delete;
     std::string const path;
-
-  private:
     std::filesystem::path const mOld = std::filesystem::current_path();
 };
 

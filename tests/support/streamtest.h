@@ -60,11 +60,9 @@ class RawFd {
 
 // True when `fd` becomes readable within kPatience.
 inline bool readable(int fd) {
-    pollfd p{fd, POLLIN, 0};
-    int rc = 0;
-    while ((rc = ::poll(&p, 1, static_cast<int>(kPatience.milliseconds()))) < 0 && errno == EINTR) {
-    }
-    return rc == 1;
+    for (pollfd p{fd, POLLIN, 0};;)
+        if (int const rc = ::poll(&p, 1, static_cast<int>(kPatience.milliseconds())); rc >= 0 || errno != EINTR)
+            return rc == 1;
 }
 
 inline void rawSend(RawFd const& fd, Bytes const& bytes) {
@@ -87,9 +85,7 @@ inline Bytes rawReceive(RawFd const& fd, size_t count) {
 // A raw listener on an ephemeral port of the loopback address; its port is stored in `port`.
 inline RawFd rawListener(unsigned short& port) {
     RawFd listener(::socket(AF_INET, SOCK_STREAM, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t length = sizeof address;
     if (::bind(listener.get(), reinterpret_cast<sockaddr*>(&address), length) != 0 ||
         ::listen(listener.get(), 4) != 0 ||

@@ -6,32 +6,26 @@
 #include "nlog.h"
 #include "testing.h"
 
-#include <cstddef>
-
 // Switches a log tag for one scope and restores its previous state.
-class TagScope {
-  public:
+struct TagScope {
     TagScope(char const* tag, bool on) : mTag(tag), mWas(nLog::gIsEnabled(tag)) { nLog::gEnable(tag, on); }
     ~TagScope() { nLog::gEnable(mTag, mWas); }
     TagScope(TagScope const&) = delete;
     TagScope& operator=(TagScope const&) = delete;
-
-  private:
     char const* mTag;
     bool mWas;
 };
 
 namespace nTagScope {
 
-using ::TagScope;
-
 // A record's tag, line and text.
 using Line = std::tuple<std::string, int, std::string>;
+using Lines = std::vector<Line>;
 
 // The captured records in short form, which the capture then forgets; each must come from the
 // library's source `module`.
-inline std::vector<Line> gLines(nLog::cCapture& capture, std::string const& module) {
-    std::vector<Line> lines;
+inline Lines gLines(nLog::cCapture& capture, std::string const& module) {
+    Lines lines;
     for (nLog::cRecord const& r : capture.records()) {
         EXPECT_EQ(r.module + r.file, "ColloquyUtil../src/" + module);
         lines.emplace_back(r.tag, r.line, r.text);
@@ -40,10 +34,8 @@ inline std::vector<Line> gLines(nLog::cCapture& capture, std::string const& modu
     return lines;
 }
 
-// Switches the Error tag for one scope and captures the records written meanwhile.
-class ErrorRecords {
-  public:
-    explicit ErrorRecords(bool on = true) : mTag("Error", on) {}
+// Switches the Error tag on for one scope and captures the records written meanwhile.
+struct ErrorRecords {
     // Number of Error records written from the library's source `module`.
     std::size_t count(std::string const& module) const {
         std::size_t n = 0;
@@ -54,9 +46,7 @@ class ErrorRecords {
     std::size_t total() const { return mCapture.records().size(); }
     std::vector<nLog::cRecord> const& records() const { return mCapture.records(); }
     void clear() { mCapture.clear(); }
-
-  private:
-    TagScope mTag;
+    TagScope mTag{"Error", true};
     nLog::cCapture mCapture;
 };
 

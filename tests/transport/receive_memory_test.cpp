@@ -45,8 +45,7 @@ TEST(StreamSocketReceive, BodyMemoryFollowsTheBytesReceived) {
         size_t sent;  // body bytes sent, after which the peer does `end`
         End end;
         bool ok;
-        size_t errors;
-        size_t largest;          // the largest allocation while receiving, at most
+        size_t errors, largest;  // Error records; the largest allocation while receiving, at most
         size_t largestInto = 0;  // where the caller's vector grows further
         std::optional<int> maxMessageSize = std::nullopt;
         size_t failFrom = 0;     // allocations of this size or more fail (0: none)
@@ -79,20 +78,17 @@ TEST(StreamSocketReceive, BodyMemoryFollowsTheBytesReceived) {
             // An empty message first, whose receive makes the read buffer; a small one behind.
             std::string const wire = headerOf(0, 5) + headerOf(c.announced, 1).substr(0, c.headerBytes) + body +
                                      (c.end == kStays ? headerOf(1, 3) + "z" : "");
-            std::thread peer([&] {
-                // A blocking send: all of it, or less when the receiver closes first.
+            std::thread peer([&] {  // a blocking send: all of it, or less when the receiver closes first
                 ::send(pair.peer.get(), wire.data(), wire.size(), MSG_NOSIGNAL);
                 if (c.end == kCloses) ::shutdown(pair.peer.get(), SHUT_WR);
                 if (c.end == kResets) pair.peer.abort();
             });
-            EXPECT_TRUE([&] {  // an empty message leaves `data` as it was
-                Received const e(pair.socket);
-                return e.ok && e.type == 5 && e.subType == 6 && e.length == 0 && e.data == Received::sentinel;
-            }());
+            std::optional<Received> got;  // the empty message leaves `data` as it was
+            EXPECT_TRUE(got.emplace(pair.socket).ok && got->type == 5 && got->subType == 6 && got->length == 0 &&
+                        got->data == Received::sentinel);
             nLog::cCapture capture;
             short type = 111, subType = 222;
             std::vector<char> buffer;
-            std::optional<Received> got;
             tLargest = 0, tFailFrom = c.failFrom, tCounting = true;
             // Into the caller's buffer with a latency configuration, a new body with the options' limit alone.
             bool const ok = into ? pair.socket.WaitTypedMessageInto(type, subType, buffer, patience())

@@ -46,8 +46,7 @@ TEST(SocketOwner, TracesEachOperationClosesAndReleasesItsHandle) {
     nLog::cCapture capture;
     int listenerFd = -1;
     {
-        c_Socket empty;  // default constructor: no record
-        c_Socket listener;
+        c_Socket empty, listener;  // default construction leaves no record
         listener.CreateListenerSocket(0);
         listenerFd = listener.GetHandle().descriptor();
         ASSERT_GE(listenerFd, 0);
@@ -90,8 +89,7 @@ TEST(StreamSocket, ReceivesMessagesAndHeaders) {
     EXPECT_EQ(pair.socket.GetMessageHeaderZ1(&header, patience()), -0x7fffffff - 1);
     pair.peer.reset();
     EXPECT_EQ(pair.socket.GetMessageHeaderZ1(&header, patience()), -1);
-    StreamSocket unconnected;
-    EXPECT_THROW(unconnected.SendTypedMessageZ2(1, 1, "a", 1), nSock::cSocketException);
+    EXPECT_THROW(StreamSocket().SendTypedMessageZ2(1, 1, "a", 1), nSock::cSocketException);
 }
 
 }  // namespace

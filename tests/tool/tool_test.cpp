@@ -165,6 +165,8 @@ TEST(Tool, CommandsOnStandardStreams) {
          "{\"a\":\"123456789\",\"k\":\"" + utf8Json + "\"}\n"},
         {"decode", "x", 1, notOne + "(1 bytes): it does not start with a count and a blank"},
         {"decode", "01 '1 k '1 v ", 1, notOne + "(13 bytes): it does not start with a count and a blank"},
+        {"decode", "1x '1 k '1 v ", 1, notOne + "(13 bytes): it does not start with a count and a blank"},
+        {"decode --json", "1 '1 k '3 \xe1\x41\x80 ", 0, "{\"k\":\"\\u00e1A\\u0080\"}\n"},  // bad second byte
         {"decode", "0 ", 1, notOne + "(2 bytes): its count is 0"},
         {"decode", "1 1 k", 1, notOne + "(5 bytes): key 1 has no length prefix at byte 2"},
         {"decode", "1 ' k", 1, notOne + "(5 bytes): key 1 has no length prefix at byte 3"},

@@ -13,8 +13,11 @@ namespace nChildren {
 // returned once it has passed exec (waited for a bounded while).
 inline pid_t gSleeper(bool ignoreTerm = false) {
     pid_t const pid = fork();
-    if (pid == 0 && ignoreTerm) signal(SIGTERM, SIG_IGN);
-    if (pid == 0) execlp("sleep", "sleep", "30", static_cast<char*>(nullptr)), _exit(127);
+    if (pid == 0) {
+        if (ignoreTerm) signal(SIGTERM, SIG_IGN);
+        execlp("sleep", "sleep", "30", static_cast<char*>(nullptr));
+        _exit(127);
+    }
     std::string name;
     for (int i = 0; i < 500 && name != "sleep"; ++i) {
         usleep(10 * 1000);

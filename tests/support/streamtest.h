@@ -60,9 +60,11 @@ class RawFd {
 
 // True when `fd` becomes readable within kPatience.
 inline bool readable(int fd) {
-    for (pollfd p{fd, POLLIN, 0};;)
-        if (int const rc = ::poll(&p, 1, static_cast<int>(kPatience.milliseconds())); rc >= 0 || errno != EINTR)
-            return rc == 1;
+    pollfd p{fd, POLLIN, 0};
+    int rc = 0;
+    while ((rc = ::poll(&p, 1, static_cast<int>(kPatience.milliseconds()))) < 0 && errno == EINTR) {
+    }
+    return rc == 1;
 }
 
 inline void rawSend(RawFd const& fd, Bytes const& bytes) {
